@@ -2,6 +2,7 @@
 // The one HTTP(S) exchange of the product, over libcurl with OpenSSL: TLS is verified against the
 // system's CAs and, when the profile names one, its caFile. Every call is bounded by its timeouts.
 
+#include <atomic>
 #include <chrono>
 #include <map>
 #include <string>
@@ -15,6 +16,8 @@ struct Request {
     std::string body;
     std::chrono::milliseconds connectTimeout{10000};
     std::chrono::milliseconds totalTimeout{30000};
+    // When set and it turns true, the exchange is abandoned (curlCode CURLE_ABORTED_BY_CALLBACK).
+    const std::atomic<bool>* cancel = nullptr;
 };
 
 struct Response {
@@ -25,7 +28,13 @@ struct Response {
     bool ok() const noexcept { return curlCode == 0 && httpStatus >= 200 && httpStatus < 300; }
 };
 
-// Performs one exchange; never throws.
+// Performs one exchange; never throws. Only http and https URLs are followed, redirects are not.
+// TLS: the peer and the host name are verified. Without a caFile in the profile the system's CA bundle
+// is used; with one, curl's CA file is caFile and its CA directory /etc/ssl/certs, so that both the
+// given certificate and the system's CAs are trusted.
 Response Perform(const Request& request);
+
+// The largest reply body kept; a longer reply fails the exchange.
+inline constexpr std::size_t kMaxResponseBytes = 64 * 1024 * 1024;
 
 }  // namespace qlb::http

@@ -20,7 +20,7 @@ struct LogInfo {
 };
 
 class EventDataReport {
-public:
+  public:
     static EventDataReport& Instance();
 
     // A record stamped for `code` (eventId, occurTime) with `content` as its text.
@@ -29,11 +29,13 @@ public:
     bool SendMsg(LogInfo& info);
     // Whether records of this code carry their log files.
     bool IsCaptureLog(const std::string& code);
+    // Syncs what was appended to the disk (LogPerform::QueueToDisk).
+    void SyncSpool();
 
     EventDataReport(const EventDataReport&) = delete;
     EventDataReport& operator=(const EventDataReport&) = delete;
 
-private:
+  private:
     EventDataReport();
     ~EventDataReport();
     struct Impl;
