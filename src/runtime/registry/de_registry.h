@@ -13,7 +13,7 @@
 namespace DE {
 
 class Registry {
-public:
+  public:
     Registry() = default;
     ~Registry();
     Registry(const Registry&) = delete;
@@ -27,8 +27,8 @@ public:
     static bool GetValue(HKEY root, const std::wstring& key, const std::wstring& name, int& value,
                          REGSAM access = KEY_ALL_ACCESS);
     // Creates the key and its parents if needed, then stores the value (durable when it returns true).
-    static bool SetValue(HKEY root, const std::wstring& key, const std::wstring& name, const std::wstring& value,
-                         REGSAM access = KEY_ALL_ACCESS);
+    static bool SetValue(HKEY root, const std::wstring& key, const std::wstring& name,
+                         const std::wstring& value, REGSAM access = KEY_ALL_ACCESS);
     static bool SetValue(HKEY root, const std::wstring& key, const std::wstring& name, const int& value,
                          REGSAM access = KEY_ALL_ACCESS);
     static bool SetValue(HKEY root, const std::wstring& key, const std::wstring& name, const DWORD& value,
@@ -50,10 +50,17 @@ public:
     bool RegDeleteAll(const std::wstring& key);
     bool RegDeleteAll(HKEY root, const std::wstring& key);
 
+    // The names of the subkeys of `key` under the root, and of its values, in the registry's order; empty
+    // on failure (LastError() tells).
+    std::vector<std::wstring> EnumSubkeys(const std::wstring& key);
+    std::vector<std::wstring> EnumValueNames(const std::wstring& key);
+
     // The Windows error number of this object's last failed call.
     std::uint32_t LastError() const noexcept { return lastError_; }
 
-private:
+  private:
+    bool Finish(std::uint32_t error);
+
     // No root until SetRootKey or OpenKey(root, ...): calls on the object then fail with
     // ERROR_INVALID_HANDLE, as a null root handle does.
     HKEY root_ = 0;
