@@ -95,6 +95,9 @@ Batch ReadBatch(int fd, std::uint64_t offset, std::uint64_t size, const Uploader
         if (newline == std::string::npos) {
             break;  // an incomplete line waits for its writer
         }
+        if (lines > 0 && newline + 1 > options.maxBatchBytes) {
+            break;  // the long first line goes alone
+        }
         const std::string_view line(data.data() + begin, newline - begin);
         if (nlohmann::json::accept(line)) {
             batch.body.append(line);

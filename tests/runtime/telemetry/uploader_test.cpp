@@ -1,0 +1,344 @@
+// The background upload against a loopback server: what is posted, that the offset only moves after the
+// server's answer, that a failing server loses and repeats nothing, and that a restart goes on where the
+// last acknowledged batch ended.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <set>
+
+#include "loopback_http_server.h"
+#include "runtime/telemetry/event_data_report.h"
+#include "runtime/telemetry/log_monitor.h"
+#include "runtime/telemetry/spool.h"
+#include "runtime/telemetry/uploader.h"
+#include "telemetry_fixture.h"
+
+namespace {
+
+using qlb::telemetry::ReadUploadOffset;
+using qlb::telemetry::Uploader;
+using qlb::telemetry::UploaderOptions;
+using qlb::testing::HttpExchange;
+using qlb::testing::HttpReply;
+using qlb::testing::LoopbackHttpServer;
+using Round = Uploader::Round;
+
+class Upload : public qlb::testing::TempMachine {
+  protected:
+    void SetUp() override {
+        TempMachine::SetUp();
+        server_ = std::make_unique<LoopbackHttpServer>([this](const HttpExchange& in) { return Answer(in); });
+    }
+    void TearDown() override {
+        server_.reset();
+        TempMachine::TearDown();
+    }
+
+    UploaderOptions Options() const {
+        UploaderOptions options;
+        options.url = server_->Url("/events");
+        const auto dir = SpoolFile().parent_path();
+        options.spool = dir / "events.jsonl";
+        options.offsetFile = dir / "upload.offset";
+        options.lockFile = dir / "upload.lock";
+        options.minBackoff = std::chrono::milliseconds(5);
+        options.maxBackoff = std::chrono::milliseconds(20);
+        options.idlePoll = std::chrono::milliseconds(20);
+        return options;
+    }
+
+    void Send(std::size_t count) {
+        for (std::size_t i = 0; i < count; ++i) {
+            LogInfo info =
+                EventDataReport::Instance().GetMsg("601000002", "record " + std::to_string(sent_++));
+            ASSERT_TRUE(EventDataReport::Instance().SendMsg(info));
+        }
+    }
+
+    // The server fails the next `failures` posts with 500, then accepts; accepted bodies are kept.
+    HttpReply Answer(const HttpExchange& in) {
+        std::lock_guard lock(mutex_);
+        if (failures_ > 0) {
+            --failures_;
+            return HttpReply{500, "try later", {}};
+        }
+        std::istringstream lines(in.body);
+        for (std::string line; std::getline(lines, line);) {
+            LogInfo info;
+            if (qlb::telemetry::ParseRecord(line, info)) {
+                ++accepted_[info.infoText];
+            }
+        }
+        return HttpReply{200, "{}", {}};
+    }
+
+    void FailNext(int count) {
+        std::lock_guard lock(mutex_);
+        failures_ = count;
+    }
+
+    std::map<std::string, int> Accepted() {
+        std::lock_guard lock(mutex_);
+        return accepted_;
+    }
+
+    // Every record sent so far was accepted exactly once.
+    void ExpectEachAcceptedOnce() {
+        const auto accepted = Accepted();
+        EXPECT_EQ(accepted.size(), sent_);
+        for (const auto& [text, times] : accepted) {
+            EXPECT_EQ(times, 1) << text;
+        }
+    }
+
+    std::uint64_t SpoolSize() const { return std::filesystem::file_size(SpoolFile()); }
+
+    std::unique_ptr<LoopbackHttpServer> server_;
+    std::mutex mutex_;
+    int failures_ = 0;
+    std::map<std::string, int> accepted_;
+    std::size_t sent_ = 0;
+};
+
+TEST_F(Upload, BatchIsTheSpooledLinesWithItsOffsets) {
+    Send(3);
+    const std::string spoolText = ReadFile(SpoolFile());
+    Uploader uploader(Options());
+    ASSERT_EQ(uploader.RunOnce(), Round::Sent);
+
+    ASSERT_EQ(server_->RequestCount(), 1u);
+    const auto request = server_->Requests()[0];
+    EXPECT_EQ(request.method, "POST");
+    EXPECT_EQ(request.target, "/events");
+    EXPECT_EQ(request.body, spoolText);
+    EXPECT_EQ(request.Header("content-type"), "application/x-ndjson");
+    EXPECT_EQ(request.Header("x-qlb-batch-offset"), "0");
+    EXPECT_EQ(request.Header("x-qlb-batch-end"), std::to_string(spoolText.size()));
+    EXPECT_EQ(request.Header("x-qlb-batch-count"), "3");
+    EXPECT_FALSE(request.Header("x-qlb-spool-id").empty());
+
+    const auto saved = ReadUploadOffset(Options().offsetFile);
+    ASSERT_TRUE(saved);
+    EXPECT_EQ(saved->offset, spoolText.size());
+    EXPECT_EQ(uploader.AcknowledgedOffset(), spoolText.size());
+    // The spool is read, never changed.
+    EXPECT_EQ(ReadFile(SpoolFile()), spoolText);
+}
+
+TEST_F(Upload, NothingNewMeansNoPost) {
+    Uploader uploader(Options());
+    EXPECT_EQ(uploader.RunOnce(), Round::Idle);  // no spool yet
+    Send(1);
+    EXPECT_EQ(uploader.RunOnce(), Round::Sent);
+    EXPECT_EQ(uploader.RunOnce(), Round::Idle);
+    EXPECT_EQ(server_->RequestCount(), 1u);
+}
+
+TEST_F(Upload, LargeSpoolGoesInBoundedBatchesThatFollowEachOther) {
+    Send(7);
+    auto options = Options();
+    options.maxBatchLines = 3;
+    Uploader uploader(options);
+    while (uploader.RunOnce() == Round::Sent) {
+    }
+    const auto requests = server_->Requests();
+    ASSERT_EQ(requests.size(), 3u);
+    std::string previousEnd = "0";
+    for (const auto& request : requests) {
+        EXPECT_EQ(request.Header("x-qlb-batch-offset"), previousEnd);
+        previousEnd = request.Header("x-qlb-batch-end");
+    }
+    EXPECT_EQ(previousEnd, std::to_string(SpoolSize()));
+    EXPECT_EQ(requests[2].Header("x-qlb-batch-count"), "1");
+    ExpectEachAcceptedOnce();
+}
+
+TEST_F(Upload, ByteBoundStillTakesAtLeastOneLongLine) {
+    Send(2);
+    auto options = Options();
+    options.maxBatchBytes = 10;  // shorter than any record
+    Uploader uploader(options);
+    EXPECT_EQ(uploader.RunOnce(), Round::Sent);
+    EXPECT_EQ(uploader.RunOnce(), Round::Sent);
+    EXPECT_EQ(uploader.RunOnce(), Round::Idle);
+    EXPECT_EQ(server_->RequestCount(), 2u);
+    ExpectEachAcceptedOnce();
+}
+
+TEST_F(Upload, FailingServerLosesNothingAndGetsNothingTwice) {
+    Send(4);
+    FailNext(2);
+    auto options = Options();
+    options.maxBatchLines = 2;
+    Uploader uploader(options);
+    EXPECT_EQ(uploader.RunOnce(), Round::Failed);
+    EXPECT_EQ(uploader.RunOnce(), Round::Failed);
+    EXPECT_FALSE(ReadUploadOffset(options.offsetFile));  // nothing acknowledged yet
+    EXPECT_EQ(uploader.RunOnce(), Round::Sent);
+    EXPECT_EQ(uploader.RunOnce(), Round::Sent);
+    EXPECT_EQ(uploader.RunOnce(), Round::Idle);
+    // The failed posts carried the same first batch as the one that went through.
+    const auto requests = server_->Requests();
+    ASSERT_EQ(requests.size(), 4u);
+    EXPECT_EQ(requests[0].body, requests[2].body);
+    EXPECT_EQ(requests[1].Header("x-qlb-batch-offset"), "0");
+    ExpectEachAcceptedOnce();
+}
+
+TEST_F(Upload, UnreachableEndpointKeepsTheOffset) {
+    Send(2);
+    auto options = Options();
+    server_.reset();  // nobody listens any more
+    Uploader uploader(options);
+    EXPECT_EQ(uploader.RunOnce(), Round::Failed);
+    EXPECT_FALSE(ReadUploadOffset(options.offsetFile));
+    EXPECT_EQ(uploader.AcknowledgedOffset(), 0u);
+}
+
+TEST_F(Upload, RestartGoesOnFromTheSavedOffset) {
+    Send(3);
+    {
+        Uploader first(Options());
+        ASSERT_EQ(first.RunOnce(), Round::Sent);
+    }
+    const auto firstEnd = SpoolSize();
+    Send(2);
+    Uploader second(Options());
+    EXPECT_EQ(second.AcknowledgedOffset(), firstEnd);
+    ASSERT_EQ(second.RunOnce(), Round::Sent);
+    const auto requests = server_->Requests();
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_EQ(requests[1].Header("x-qlb-batch-offset"), std::to_string(firstEnd));
+    EXPECT_EQ(requests[1].Header("x-qlb-batch-count"), "2");
+    ExpectEachAcceptedOnce();
+}
+
+TEST_F(Upload, ReplacedSpoolStartsAgainFromItsBeginning) {
+    Send(2);
+    Uploader uploader(Options());
+    ASSERT_EQ(uploader.RunOnce(), Round::Sent);
+    std::filesystem::remove(SpoolFile());
+    Send(1);  // a new file, shorter than the saved offset
+    ASSERT_EQ(uploader.RunOnce(), Round::Sent);
+    const auto requests = server_->Requests();
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_EQ(requests[1].Header("x-qlb-batch-offset"), "0");
+    EXPECT_EQ(requests[1].Header("x-qlb-batch-count"), "1");
+    ExpectEachAcceptedOnce();
+}
+
+TEST_F(Upload, IncompleteLastLineWaitsForItsEnd) {
+    Send(1);
+    const auto complete = SpoolSize();
+    { std::ofstream(SpoolFile(), std::ios::app) << "{\"eventId\":\"6010"; }
+    Uploader uploader(Options());
+    ASSERT_EQ(uploader.RunOnce(), Round::Sent);
+    EXPECT_EQ(server_->Requests()[0].Header("x-qlb-batch-end"), std::to_string(complete));
+    EXPECT_EQ(uploader.RunOnce(), Round::Idle);
+}
+
+TEST_F(Upload, BrokenLineIsPassedOver) {
+    Send(1);
+    { std::ofstream(SpoolFile(), std::ios::app) << "{\"eventId\":\"60\n"; }  // a record cut by a full disk
+    Send(1);
+    Uploader uploader(Options());
+    ASSERT_EQ(uploader.RunOnce(), Round::Sent);
+    const auto request = server_->Requests().at(0);
+    EXPECT_EQ(request.Header("x-qlb-batch-count"), "2");
+    EXPECT_EQ(request.Header("x-qlb-batch-end"), std::to_string(SpoolSize()));
+    ExpectEachAcceptedOnce();
+}
+
+TEST_F(Upload, OneUploaderPerSpool) {
+    Send(1);
+    Uploader first(Options());
+    Uploader second(Options());
+    ASSERT_EQ(first.RunOnce(), Round::Sent);
+    Send(1);
+    EXPECT_EQ(second.RunOnce(), Round::Idle);  // the first holds the spool
+    EXPECT_EQ(first.RunOnce(), Round::Sent);
+    ExpectEachAcceptedOnce();
+}
+
+TEST_F(Upload, ThreadRecoversFromFailuresAndStops) {
+    FailNext(3);
+    Uploader uploader(Options());
+    uploader.Start();
+    Send(5);
+    uploader.Wake();
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (uploader.AcknowledgedOffset() < SpoolSize() && std::chrono::steady_clock::now() < deadline) {
+        server_->WaitForRequests(server_->RequestCount() + 1, 200);
+    }
+    uploader.Stop();
+    EXPECT_EQ(uploader.AcknowledgedOffset(), SpoolSize());
+    EXPECT_GE(server_->RequestCount(), 4u);
+    ExpectEachAcceptedOnce();
+}
+
+TEST_F(Upload, StopAbandonsAPostInFlight) {
+    std::mutex mutex;
+    std::condition_variable released;
+    bool release = false;
+    server_->SetHandler([&](const HttpExchange&) {
+        std::unique_lock lock(mutex);
+        released.wait(lock, [&] { return release; });
+        return HttpReply{};
+    });
+    auto options = Options();
+    options.requestTimeout = std::chrono::minutes(10);  // only Stop can end the post in time
+    Send(1);
+    Uploader uploader(options);
+    uploader.Start();
+    ASSERT_TRUE(server_->WaitForRequests(1));
+    uploader.Stop();
+    EXPECT_EQ(uploader.AcknowledgedOffset(), 0u);
+    EXPECT_FALSE(ReadUploadOffset(options.offsetFile));
+    {
+        std::lock_guard lock(mutex);
+        release = true;
+    }
+    released.notify_all();
+}
+
+class UploadConfiguration : public qlb::testing::TempMachine {};
+
+TEST_F(UploadConfiguration, EndpointComesFromTheRoutingTable) {
+    EXPECT_FALSE(qlb::telemetry::UploaderOptionsFromProfile());
+    auto profile = profile_;
+    profile.services["com.zorvane.cloud.telemetry"]["ROOT"] = "https://elsewhere";
+    Configure(profile);
+    EXPECT_FALSE(qlb::telemetry::UploaderOptionsFromProfile());
+    profile.services["com.zorvane.cloud.telemetry"]["url"] = "https://telemetry.example:8443/v1/events";
+    Configure(profile);
+    const auto options = qlb::telemetry::UploaderOptionsFromProfile();
+    ASSERT_TRUE(options);
+    EXPECT_EQ(options->url, "https://telemetry.example:8443/v1/events");
+    EXPECT_EQ(options->spool, SpoolFile());
+    EXPECT_EQ(options->offsetFile.parent_path(), SpoolFile().parent_path());
+}
+
+TEST_F(UploadConfiguration, MonitorUploadsAndStopsOnTheStopFlag) {
+    LoopbackHttpServer server;
+    auto profile = profile_;
+    profile.services["com.zorvane.cloud.telemetry"]["url"] = server.Url("/events");
+    Configure(profile);
+    ReportPlainEvent("619000000", "");
+    auto& monitor = LogMonitor::Instance();
+    monitor.SetStopFlag(false);
+    monitor.UpLoadReefAndBI();
+    EXPECT_TRUE(server.WaitForRequests(1));
+    monitor.SetStopFlag(true);
+    EXPECT_TRUE(monitor.GetStopFlag());
+    // Once stopped, asking again starts nothing.
+    ReportPlainEvent("619000005", "");
+    monitor.UpLoadReefAndBI();
+    EXPECT_EQ(server.RequestCount(), 1u);
+    monitor.SetStopFlag(false);
+}
+
+}  // namespace
