@@ -1,0 +1,16 @@
+#pragma once
+// The product's privacy document key. The decryption table of the table cipher is generated from it
+// at build time, and qlbprivacy enciphers documents with it through AES-256-CBC, so that any standard
+// tool holding this key can check a shipped document.
+
+#include <array>
+#include <cstdint>
+
+namespace qlb::consent {
+
+inline constexpr std::array<std::uint8_t, 32> kPrivacyDocumentKey = {
+    0xf2, 0x41, 0x03, 0x08, 0x53, 0x2c, 0x0a, 0x25, 0xf3, 0x73, 0xfa, 0x3c, 0xe9, 0x8b, 0x6b, 0xb2,
+    0xc8, 0x66, 0xf1, 0x9a, 0x02, 0x45, 0x04, 0x38, 0x96, 0x39, 0xbe, 0xa6, 0xe3, 0xbb, 0x2a, 0x0c,
+};
+
+}  // namespace qlb::consent
