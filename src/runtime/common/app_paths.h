@@ -21,4 +21,7 @@ class LogUtil {
   public:
     // The log directory, without a trailing separator: callers append "/dump/" and the like.
     static std::string GetCurrentDir();
+    // Percent-encoding of one form value: everything but A-Z a-z 0-9 - _ . ~ becomes %XX
+    // (defined in runtime/http/url_encode.cpp, library qlb_http).
+    static std::string UrlEncode(const std::string& text);
 };
