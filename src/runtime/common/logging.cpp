@@ -34,14 +34,20 @@ void ConfigureFallback(const std::string& name, const std::string& logDir) {
 namespace qlb::logging {
 
 std::string_view FunctionName(std::string_view pretty) noexcept {
-    // A lambda names itself after its enclosing function: "void f()::<lambda()>".
-    if (const auto lambda = pretty.find("::<lambda"); lambda != std::string_view::npos) {
-        pretty = pretty.substr(0, lambda);
+    // Template arguments: gcc "f(T) [with T = int]", clang "f(T) [T = int]".
+    if (!pretty.empty() && pretty.back() == ']') {
+        if (const auto open = pretty.rfind(" ["); open != std::string_view::npos) {
+            pretty = pretty.substr(0, open);
+        }
     }
-    if (const auto with = pretty.find(" [with "); with != std::string_view::npos) {
-        pretty = pretty.substr(0, with);
+    // A lambda names itself after its enclosing function: gcc "void f()::<lambda()>", clang
+    // "auto f()::(anonymous class)::operator()() const" or "auto f()::(lambda at x.cpp:1:2)::...".
+    for (const std::string_view marker : {"::<lambda", "::(anonymous class)", "::(lambda at "}) {
+        if (const auto lambda = pretty.find(marker); lambda != std::string_view::npos) {
+            pretty = pretty.substr(0, lambda);
+        }
     }
-    // The parameter list is the last balanced "( ... )".
+    // The parameter list is the last balanced "( ... )"; qualifiers after it go with it.
     size_t end = pretty.rfind(')');
     if (end != std::string_view::npos) {
         int depth = 0;
@@ -54,20 +60,30 @@ std::string_view FunctionName(std::string_view pretty) noexcept {
             }
         }
     }
-    // The return type ends at the last blank outside template brackets.
-    int angle = 0;
-    for (size_t i = pretty.size(); i-- > 0;) {
+    // The return type ends at the last blank outside template brackets and parentheses ("(anonymous
+    // namespace)" keeps its blank). An operator's own symbols and blank ("operator<", "operator()",
+    // "operator delete") are part of its name.
+    size_t scanFrom = pretty.size();
+    if (const auto op = pretty.rfind("operator"); op != std::string_view::npos) {
+        scanFrom = op;
+    }
+    int nesting = 0;
+    for (size_t i = scanFrom; i-- > 0;) {
         const char c = pretty[i];
-        if (c == '>') {
-            ++angle;
-        } else if (c == '<') {
-            --angle;
-        } else if (c == ' ' && angle == 0) {
-            // "operator delete" and the like keep their blank.
-            if (i >= 8 && pretty.substr(i - 8, 8) == "operator") {
-                continue;
-            }
-            return pretty.substr(i + 1);
+        if (c == '>' || c == ')') {
+            ++nesting;
+        } else if (c == '<' || c == '(') {
+            --nesting;
+        } else if (c == ' ' && nesting == 0) {
+            pretty = pretty.substr(i + 1);
+            break;
+        }
+    }
+    // A file's own helpers are named as their file's reader knows them: "Helper", not
+    // "{anonymous}::Helper".
+    for (const std::string_view anonymous : {"{anonymous}::", "(anonymous namespace)::"}) {
+        if (pretty.substr(0, anonymous.size()) == anonymous) {
+            pretty.remove_prefix(anonymous.size());
         }
     }
     return pretty;

@@ -8,7 +8,9 @@ namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
 
-bool IsBlank(wchar_t c) { return c == L' ' || c == L'\t' || c == L'\r' || c == L'\n'; }
+bool IsBlank(wchar_t c) {
+    return c == L' ' || c == L'\t' || c == L'\r' || c == L'\n';
+}
 
 void AppendUtf8(std::string& out, char32_t cp) {
     if (cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
@@ -59,18 +61,26 @@ std::wstring ANSIToUnicode(std::string_view text) {
             ++i;
             continue;
         }
-        if (i + extra >= text.size()) {  // a sequence cut off by the end of the text
-            out.push_back(static_cast<wchar_t>(kReplacement));
-            break;
-        }
         bool valid = true;
+        int taken = 0;
         for (int k = 1; k <= extra; ++k) {
+            if (i + k >= text.size()) {  // a sequence cut off by the end of the text
+                valid = false;
+                break;
+            }
             const auto b = static_cast<unsigned char>(text[i + k]);
             if ((b & 0xC0) != 0x80) {
                 valid = false;
                 break;
             }
             cp = (cp << 6) | (b & 0x3F);
+            ++taken;
+        }
+        if (taken < extra) {
+            // A cut sequence is one replacement; what follows it (often plain ASCII) is kept.
+            out.push_back(static_cast<wchar_t>(kReplacement));
+            i += 1 + taken;
+            continue;
         }
         static constexpr char32_t kMin[] = {0, 0x80, 0x800, 0x10000};
         if (!valid || cp < kMin[extra] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
@@ -98,8 +108,10 @@ std::wstring Utf16ToWide(std::u16string_view text) {
     out.reserve(text.size());
     for (size_t i = 0; i < text.size(); ++i) {
         const char16_t u = text[i];
-        if (u >= 0xD800 && u <= 0xDBFF && i + 1 < text.size() && text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF) {
-            const char32_t cp = 0x10000 + ((static_cast<char32_t>(u) - 0xD800) << 10) + (text[i + 1] - 0xDC00);
+        if (u >= 0xD800 && u <= 0xDBFF && i + 1 < text.size() && text[i + 1] >= 0xDC00 &&
+            text[i + 1] <= 0xDFFF) {
+            const char32_t cp =
+                0x10000 + ((static_cast<char32_t>(u) - 0xD800) << 10) + (text[i + 1] - 0xDC00);
             out.push_back(static_cast<wchar_t>(cp));
             ++i;
         } else if (u >= 0xD800 && u <= 0xDFFF) {
@@ -133,16 +145,20 @@ std::u16string WideToUtf16(std::wstring_view text) {
 std::wstring TrimSP(std::wstring_view text) {
     size_t b = 0;
     size_t e = text.size();
-    while (b < e && IsBlank(text[b])) ++b;
-    while (e > b && IsBlank(text[e - 1])) --e;
+    while (b < e && IsBlank(text[b]))
+        ++b;
+    while (e > b && IsBlank(text[e - 1]))
+        --e;
     return std::wstring(text.substr(b, e - b));
 }
 
 std::string TrimSP(std::string_view text) {
     size_t b = 0;
     size_t e = text.size();
-    while (b < e && IsBlank(static_cast<wchar_t>(text[b]))) ++b;
-    while (e > b && IsBlank(static_cast<wchar_t>(text[e - 1]))) --e;
+    while (b < e && IsBlank(static_cast<wchar_t>(text[b])))
+        ++b;
+    while (e > b && IsBlank(static_cast<wchar_t>(text[e - 1])))
+        --e;
     return std::string(text.substr(b, e - b));
 }
 
@@ -158,30 +174,36 @@ C LowerAscii(C c) {
 }  // namespace
 
 bool EqualsNoCase(std::wstring_view a, std::wstring_view b) noexcept {
-    if (a.size() != b.size()) return false;
+    if (a.size() != b.size())
+        return false;
     for (size_t i = 0; i < a.size(); ++i) {
-        if (LowerAscii(a[i]) != LowerAscii(b[i])) return false;
+        if (LowerAscii(a[i]) != LowerAscii(b[i]))
+            return false;
     }
     return true;
 }
 
 bool EqualsNoCase(std::string_view a, std::string_view b) noexcept {
-    if (a.size() != b.size()) return false;
+    if (a.size() != b.size())
+        return false;
     for (size_t i = 0; i < a.size(); ++i) {
-        if (LowerAscii(a[i]) != LowerAscii(b[i])) return false;
+        if (LowerAscii(a[i]) != LowerAscii(b[i]))
+            return false;
     }
     return true;
 }
 
 std::wstring ToLowerAscii(std::wstring_view text) {
     std::wstring out(text);
-    for (auto& c : out) c = LowerAscii(c);
+    for (auto& c : out)
+        c = LowerAscii(c);
     return out;
 }
 
 std::string ToLowerAscii(std::string_view text) {
     std::string out(text);
-    for (auto& c : out) c = LowerAscii(c);
+    for (auto& c : out)
+        c = LowerAscii(c);
     return out;
 }
 
@@ -190,8 +212,10 @@ std::vector<std::string> Split(std::string_view text, char separator) {
     size_t start = 0;
     while (true) {
         const size_t pos = text.find(separator, start);
-        parts.emplace_back(text.substr(start, pos == std::string_view::npos ? std::string_view::npos : pos - start));
-        if (pos == std::string_view::npos) break;
+        parts.emplace_back(
+            text.substr(start, pos == std::string_view::npos ? std::string_view::npos : pos - start));
+        if (pos == std::string_view::npos)
+            break;
         start = pos + 1;
     }
     return parts;

@@ -1,0 +1,202 @@
+// Reading the machine profile: defaults, every key, relative paths, and errors that name the file and
+// the key.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "runtime/common/machine_profile.h"
+
+namespace {
+
+using qlb::LoadMachineProfile;
+using qlb::MachineProfile;
+using qlb::ParseMachineProfile;
+
+const std::filesystem::path kFile = "/opt/qlb/config/machine.json";
+const std::filesystem::path kBase = "/opt/qlb";
+
+qlb::ProfileLoadResult Parse(const std::string& text) {
+    return ParseMachineProfile(text, kFile, kBase);
+}
+
+TEST(ProfileDefaults, EmptyObjectGivesEveryDefault) {
+    const auto result = Parse("{}");
+    ASSERT_TRUE(result.ok()) << result.error;
+    const auto& p = result.profile;
+    EXPECT_EQ(p.registry, "/var/lib/qlb/registry.db");
+    EXPECT_EQ(p.appData, "/var/lib/qlb/appdata/");
+    EXPECT_EQ(p.logDir, "/var/log/qlb/");
+    EXPECT_EQ(p.runDir, "/run/qlb/");
+    EXPECT_EQ(p.serviceManager, "auto");
+    EXPECT_TRUE(p.capabilities.plugins.empty());
+    EXPECT_TRUE(p.capabilities.properties.empty());
+    EXPECT_EQ(p.appVersion, "1.0.0.0");
+    EXPECT_EQ(p.systemRoot, "/");
+    EXPECT_EQ(p.dmiDir, "/sys/class/dmi/id/");
+    EXPECT_EQ(p.watchdogDevice, "/dev/WDT0001");
+    EXPECT_FALSE(p.firmware);
+    EXPECT_EQ(p.power, "logind");
+    EXPECT_TRUE(p.services.empty());
+    EXPECT_FALSE(p.caFile);
+    EXPECT_TRUE(p.trustedKeys.empty());
+    EXPECT_EQ(p.ipcAllow.users, std::vector<std::string>{"root"});
+    EXPECT_EQ(p.ipcAllow.groups, std::vector<std::string>{"qlb"});
+    EXPECT_TRUE(p.sessions.empty());
+    EXPECT_FALSE(p.activeSession);
+    EXPECT_FALSE(p.retail);
+    EXPECT_EQ(p.source, kFile);
+}
+
+TEST(ProfileDefaults, MissingFileIsNoError) {
+    const auto result = LoadMachineProfile("/nonexistent/qlb/config/machine.json");
+    EXPECT_TRUE(result.ok());
+    EXPECT_EQ(result.profile.appData, "/var/lib/qlb/appdata/");
+}
+
+TEST(ProfileKeys, EveryKeyIsRead) {
+    const auto result = Parse(R"({
+        "registry": "/m/reg.db", "appData": "/m/app", "logDir": "/m/log/", "runDir": "/m/run",
+        "serviceManager": "embedded",
+        "capabilities": {"plugins": ["BigData", "QDS"], "properties": {"ZVLoginGuide": ["china", "x"]}},
+        "appVersion": "2.3.4.5", "systemRoot": "/m/c", "dmiDir": "/m/dmi",
+        "watchdogDevice": "/m/wdt",
+        "firmware": {"logoSupported": true, "logoStore": "/m/logo.bin", "defaultLogos": ["/m/a.jpg"]},
+        "power": "record",
+        "services": {"com.zorvane.cloud.telemetry": {"url": "https://127.0.0.1:9/e"}},
+        "caFile": "/m/ca.pem", "trustedKeys": ["/m/k1.pub", "/m/k2.pub"],
+        "ipcAllow": {"users": ["alice"], "groups": []},
+        "sessions": {"1": "alice", "2": "bob"}, "activeSession": 2,
+        "region": {"serviceCountry": "CN", "saleCountry": "DE", "language": "zh-CN"},
+        "retail": true
+    })");
+    ASSERT_TRUE(result.ok()) << result.error;
+    const auto& p = result.profile;
+    EXPECT_EQ(p.registry, "/m/reg.db");
+    EXPECT_EQ(p.appData, "/m/app/");  // directories keep a trailing separator
+    EXPECT_EQ(p.logDir, "/m/log/");
+    EXPECT_EQ(p.runDir, "/m/run/");
+    EXPECT_EQ(p.serviceManager, "embedded");
+    EXPECT_EQ(p.capabilities.plugins, (std::set<std::string>{"BigData", "QDS"}));
+    EXPECT_EQ(p.capabilities.properties.at("ZVLoginGuide"), (std::vector<std::string>{"china", "x"}));
+    EXPECT_EQ(p.appVersion, "2.3.4.5");
+    EXPECT_EQ(p.systemRoot, "/m/c/");
+    EXPECT_EQ(p.dmiDir, "/m/dmi/");
+    EXPECT_EQ(p.watchdogDevice, "/m/wdt");
+    ASSERT_TRUE(p.firmware);
+    EXPECT_TRUE(p.firmware->logoSupported);
+    EXPECT_EQ(p.firmware->logoStore, "/m/logo.bin");
+    EXPECT_EQ(p.firmware->defaultLogos, std::vector<std::filesystem::path>{"/m/a.jpg"});
+    EXPECT_EQ(p.power, "record");
+    EXPECT_EQ(p.services.at("com.zorvane.cloud.telemetry").at("url"), "https://127.0.0.1:9/e");
+    EXPECT_EQ(p.caFile, std::filesystem::path("/m/ca.pem"));
+    EXPECT_EQ(p.trustedKeys.size(), 2u);
+    EXPECT_EQ(p.ipcAllow.users, std::vector<std::string>{"alice"});
+    EXPECT_TRUE(p.ipcAllow.groups.empty());
+    EXPECT_EQ(p.sessions.at(1), "alice");
+    EXPECT_EQ(p.sessions.at(2), "bob");
+    EXPECT_EQ(p.activeSession, 2u);
+    EXPECT_EQ(p.region.serviceCountry, "CN");
+    EXPECT_EQ(p.region.saleCountry, "DE");
+    EXPECT_EQ(p.region.language, "zh-CN");
+    EXPECT_TRUE(p.retail);
+}
+
+TEST(ProfileKeys, UnknownKeysAreLeftAlone) {
+    const auto result = Parse(R"({"futureKey": {"a": 1}, "retail": true})");
+    ASSERT_TRUE(result.ok()) << result.error;
+    EXPECT_TRUE(result.profile.retail);
+}
+
+TEST(ProfileKeys, ActiveSessionMayBeGivenAsText) {
+    const auto result = Parse(R"({"activeSession": "7"})");
+    ASSERT_TRUE(result.ok()) << result.error;
+    EXPECT_EQ(result.profile.activeSession, 7u);
+}
+
+TEST(ProfilePaths, RelativePathsAreTakenAgainstTheProgramDirectory) {
+    const auto result =
+        Parse(R"({"appData": "state/app", "registry": "state/reg.db", "caFile": "certs/ca.pem",
+        "trustedKeys": ["keys/a.pub"], "firmware": {"logoStore": "fw/logo", "defaultLogos": ["fw/d.jpg"]}})");
+    ASSERT_TRUE(result.ok()) << result.error;
+    const auto& p = result.profile;
+    EXPECT_EQ(p.appData, "/opt/qlb/state/app/");
+    EXPECT_EQ(p.registry, "/opt/qlb/state/reg.db");
+    EXPECT_EQ(p.caFile, std::filesystem::path("/opt/qlb/certs/ca.pem"));
+    EXPECT_EQ(p.trustedKeys.at(0), "/opt/qlb/keys/a.pub");
+    EXPECT_EQ(p.firmware->logoStore, "/opt/qlb/fw/logo");
+    EXPECT_EQ(p.firmware->defaultLogos.at(0), "/opt/qlb/fw/d.jpg");
+}
+
+TEST(ProfilePaths, FileOnDiskResolvesAgainstTheDirectoryAboveConfig) {
+    char pattern[] = "/tmp/qlb-profile-XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    const std::filesystem::path root = pattern;
+    std::filesystem::create_directories(root / "config");
+    { std::ofstream(root / "config" / "machine.json") << R"({"logDir": "logs"})"; }
+    const auto result = LoadMachineProfile(root / "config" / "machine.json");
+    std::filesystem::remove_all(root);
+    ASSERT_TRUE(result.ok()) << result.error;
+    EXPECT_EQ(result.profile.logDir, root / "logs/");
+    EXPECT_EQ(result.profile.source, root / "config" / "machine.json");
+}
+
+class ProfileErrors : public ::testing::TestWithParam<std::pair<const char*, const char*>> {};
+
+// Each malformed profile gives the defaults and an error that names the file and the key.
+TEST_P(ProfileErrors, NameTheFileAndTheKey) {
+    const auto [text, key] = GetParam();
+    const auto result = Parse(text);
+    ASSERT_FALSE(result.ok()) << text;
+    EXPECT_NE(result.error.find(kFile.string()), std::string::npos) << result.error;
+    EXPECT_NE(result.error.find(key), std::string::npos) << result.error;
+    EXPECT_EQ(result.profile.appData, "/var/lib/qlb/appdata/");
+    EXPECT_FALSE(result.profile.retail);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    MalformedProfiles, ProfileErrors,
+    ::testing::Values(std::make_pair(R"({"retail": "yes", "appData": "/x"})", "\"retail\""),
+                      std::make_pair(R"({"appData": 5})", "\"appData\""),
+                      std::make_pair(R"({"appData": ""})", "\"appData\""),
+                      std::make_pair(R"({"serviceManager": "upstart"})", "\"serviceManager\""),
+                      std::make_pair(R"({"power": "acpi"})", "\"power\""),
+                      std::make_pair(R"({"capabilities": {"plugins": ["a", 3]}})", "capabilities.plugins[1]"),
+                      std::make_pair(R"({"capabilities": {"properties": {"P": "v"}}})",
+                                     "capabilities.properties.P"),
+                      std::make_pair(R"({"services": {"s": {"k": 1}}})", "services.s.k"),
+                      std::make_pair(R"({"services": {"s": "url"}})", "services.s"),
+                      std::make_pair(R"({"sessions": {"x": "alice"}})", "sessions.x"),
+                      std::make_pair(R"({"activeSession": -1})", "activeSession"),
+                      std::make_pair(R"({"activeSession": 4294967296})", "activeSession"),
+                      std::make_pair(R"({"firmware": {"logoSupported": 1}})", "firmware.logoSupported"),
+                      std::make_pair(R"({"ipcAllow": {"users": "root"}})", "ipcAllow.users"),
+                      std::make_pair(R"({"region": {"language": null}})", "region.language"),
+                      std::make_pair(R"({"trustedKeys": "k.pub"})", "trustedKeys")));
+
+TEST(ProfileErrorsOfTheDocument, InvalidJsonNamesTheFile) {
+    const auto result = Parse(R"({"retail": true,)");
+    ASSERT_FALSE(result.ok());
+    EXPECT_NE(result.error.find(kFile.string()), std::string::npos);
+    EXPECT_NE(result.error.find("not valid JSON"), std::string::npos);
+    EXPECT_FALSE(result.profile.retail);
+}
+
+TEST(ProfileErrorsOfTheDocument, TopLevelMustBeAnObject) {
+    const auto result = Parse("[1, 2]");
+    ASSERT_FALSE(result.ok());
+    EXPECT_NE(result.error.find(kFile.string()), std::string::npos);
+}
+
+TEST(ProfileCurrent, SetCurrentReplacesTheProcessProfile) {
+    MachineProfile profile;
+    profile.appVersion = "9.9.9.9";
+    MachineProfile::SetCurrent(profile);
+    EXPECT_EQ(MachineProfile::Current().appVersion, "9.9.9.9");
+    EXPECT_TRUE(MachineProfile::LoadError().empty());
+    MachineProfile::SetCurrent(MachineProfile{});
+}
+
+}  // namespace
