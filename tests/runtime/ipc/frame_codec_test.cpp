@@ -1,0 +1,166 @@
+// The wire format alone: what a reader makes of well-formed, split, merged and lying byte streams.
+
+#include "runtime/ipc/frame_codec.h"
+
+#include <gtest/gtest.h>
+
+#include <numeric>
+
+using namespace qlb::ipc;
+
+namespace {
+
+TagIPCMessageItem Sample(std::vector<std::uint8_t>& data) {
+    data.resize(100);
+    std::iota(data.begin(), data.end(), 1);
+    TagIPCMessageItem item;
+    item.toModuleId = 0x30000;
+    item.fromModuleId = -1;
+    item.messageId = 0x30002;
+    item.reservedA = -1;
+    item.reservedB = 0x7FFFFFFF;
+    item.syncMessageId = 77;
+    item.dataLength = static_cast<std::int32_t>(data.size());
+    item.data = data.data();
+    item.reservedFlag = 0xA5;
+    return item;
+}
+
+void ExpectSameFrame(const TagIPCMessageItem& got, const TagIPCMessageItem& sent) {
+    EXPECT_EQ(got.toModuleId, sent.toModuleId);
+    EXPECT_EQ(got.fromModuleId, sent.fromModuleId);
+    EXPECT_EQ(got.messageId, sent.messageId);
+    EXPECT_EQ(got.reservedA, sent.reservedA);
+    EXPECT_EQ(got.reservedB, sent.reservedB);
+    EXPECT_EQ(got.syncMessageId, sent.syncMessageId);
+    EXPECT_EQ(got.dataLength, sent.dataLength);
+    EXPECT_EQ(got.reservedFlag, sent.reservedFlag);
+    ASSERT_EQ(got.dataLength == 0, got.data == nullptr);
+    EXPECT_TRUE(std::equal(got.data, got.data + got.dataLength, sent.data));
+}
+
+TEST(FrameLayoutTest, HeaderIsLittleEndianWithTheLengthCountingTheHeader) {
+    std::vector<std::uint8_t> data;
+    const auto frame = EncodeFrame(Sample(data));
+    ASSERT_EQ(frame.size(), 36u + 100u);
+    EXPECT_EQ(GetU32(frame.data()), 132u);
+    EXPECT_EQ(frame[4], 0x00);  // toModuleId 0x30000
+    EXPECT_EQ(frame[6], 0x03);
+    EXPECT_EQ(frame[32], 0xA5);  // reservedFlag, then three zero bytes
+    EXPECT_EQ(frame[33] | frame[34] | frame[35], 0);
+    const auto hello = EncodeHello(Hello{kHelloMagic, kProtocolVersion, 0x30000});
+    EXPECT_EQ(std::string(hello.begin(), hello.begin() + 4), "QLBI");
+}
+
+TEST(FrameReaderTest, FrameFedOneByteAtATimeComesOutWhole) {
+    std::vector<std::uint8_t> data;
+    const TagIPCMessageItem sent = Sample(data);
+    const auto frame = EncodeFrame(sent);
+    FrameReader reader;
+    FrameView view;
+    for (std::size_t i = 0; i + 1 < frame.size(); ++i) {
+        reader.Feed(&frame[i], 1);
+        ASSERT_EQ(reader.Next(view), ReadStatus::kNeedMore) << "at byte " << i;
+    }
+    reader.Feed(&frame.back(), 1);
+    ASSERT_EQ(reader.Next(view), ReadStatus::kFrame);
+    ExpectSameFrame(view.item, sent);
+    EXPECT_EQ(view.rawSize, frame.size());
+    EXPECT_EQ(reader.Next(view), ReadStatus::kNeedMore);
+    EXPECT_EQ(reader.Buffered(), 0u);
+}
+
+TEST(FrameReaderTest, SeveralFramesInOneReadComeOutInOrder) {
+    std::vector<std::uint8_t> data;
+    TagIPCMessageItem sent = Sample(data);
+    std::vector<std::uint8_t> stream;
+    for (int i = 0; i < 3; ++i) {
+        sent.syncMessageId = i;
+        sent.dataLength = i == 1 ? 0 : 100;  // an empty frame in the middle
+        const auto frame = EncodeFrame(sent);
+        stream.insert(stream.end(), frame.begin(), frame.end());
+    }
+    FrameReader reader;
+    reader.Feed(stream.data(), stream.size());
+    FrameView view;
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(reader.Next(view), ReadStatus::kFrame);
+        EXPECT_EQ(view.item.syncMessageId, i);
+        EXPECT_EQ(view.item.dataLength, i == 1 ? 0 : 100);
+    }
+    EXPECT_EQ(reader.Next(view), ReadStatus::kNeedMore);
+}
+
+TEST(FrameReaderTest, LengthThatDisagreesWithTheHeaderIsAnErrorForGood) {
+    std::vector<std::uint8_t> data;
+    auto frame = EncodeFrame(Sample(data));
+    PutU32(frame.data(), 32 + 99);
+    FrameReader reader;
+    reader.Feed(frame.data(), frame.size());
+    FrameView view;
+    EXPECT_EQ(reader.Next(view), ReadStatus::kBadLength);
+    const auto good = EncodeFrame(Sample(data));
+    reader.Feed(good.data(), good.size());
+    EXPECT_EQ(reader.Next(view), ReadStatus::kBadLength);
+}
+
+TEST(FrameReaderTest, NegativeDataLengthIsRejected) {
+    std::vector<std::uint8_t> data;
+    TagIPCMessageItem item = Sample(data);
+    std::uint8_t prefix[kFramePrefixSize];
+    item.dataLength = -4;
+    EncodeFramePrefix(item, prefix);
+    PutU32(prefix, 28);  // what 32 + (-4) would give
+    FrameReader reader;
+    reader.Feed(prefix, sizeof(prefix));
+    FrameView view;
+    EXPECT_EQ(reader.Next(view), ReadStatus::kBadLength);
+}
+
+TEST(FrameReaderTest, OversizedLengthIsRejectedFromTheLengthFieldAlone) {
+    std::uint8_t length[4];
+    PutU32(length, 32 + kMaxDataLength + 1);
+    FrameReader reader;
+    reader.Feed(length, sizeof(length));
+    FrameView view;
+    EXPECT_EQ(reader.Next(view), ReadStatus::kTooLarge);
+
+    FrameReader exact;
+    PutU32(length, 32 + kMaxDataLength);
+    exact.Feed(length, sizeof(length));
+    EXPECT_EQ(exact.Next(view), ReadStatus::kNeedMore);
+}
+
+TEST(FrameReaderTest, ReadingIntoTheTailDirectlyGivesTheSameFrames) {
+    std::vector<std::uint8_t> data;
+    const TagIPCMessageItem sent = Sample(data);
+    const auto frame = EncodeFrame(sent);
+    FrameReader reader;
+    std::size_t offset = 0;
+    while (offset < frame.size()) {
+        auto tail = reader.WritableTail(7);
+        const std::size_t count = std::min<std::size_t>(7, frame.size() - offset);
+        std::copy_n(frame.begin() + static_cast<std::ptrdiff_t>(offset), count, tail.begin());
+        reader.Commit(count);
+        offset += count;
+    }
+    FrameView view;
+    ASSERT_EQ(reader.Next(view), ReadStatus::kFrame);
+    ExpectSameFrame(view.item, sent);
+}
+
+TEST(FrameEncodeTest, OnlyWellFormedItemsAreSendable) {
+    std::uint8_t byte = 0;
+    TagIPCMessageItem item;
+    EXPECT_TRUE(IsSendable(item));
+    item.dataLength = 1;
+    EXPECT_FALSE(IsSendable(item));  // a length without data
+    item.data = &byte;
+    EXPECT_TRUE(IsSendable(item));
+    item.dataLength = -1;
+    EXPECT_FALSE(IsSendable(item));
+    item.dataLength = kMaxDataLength + 1;
+    EXPECT_FALSE(IsSendable(item));
+}
+
+}  // namespace

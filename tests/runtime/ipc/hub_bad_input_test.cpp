@@ -1,0 +1,241 @@
+// The hub against peers that speak the wire format by hand: liars, the silent, the vanishing and the
+// slow each lose their own connection, and the hub keeps serving everyone else.
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include "ipc_test_support.h"
+#include "runtime/ipc/frame_codec.h"
+#include "runtime/ipc/ipc_message_server.h"
+#include "runtime/ipc/socket_util.h"
+
+using namespace qlb::ipc;
+using namespace qlb::ipc::test;
+
+namespace {
+
+constexpr int kSelf = 0x500000;
+
+// A blocking socket with a receive timeout as the bound of every wait.
+class RawPeer {
+  public:
+    explicit RawPeer(const std::filesystem::path& socket) {
+        fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        FillUnixAddress(socket, address);
+        connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+        timeval timeout{static_cast<time_t>(std::chrono::seconds(kWait).count()), 0};
+        ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+    }
+    ~RawPeer() { Close(); }
+    void Close() {
+        if (fd_ >= 0) {
+            ::close(fd_);
+            fd_ = -1;
+        }
+    }
+    bool connected() const { return connected_; }
+
+    bool Send(const void* bytes, std::size_t size) {
+        return ::send(fd_, bytes, size, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
+    }
+    bool SendHello(std::uint32_t magic, std::int32_t moduleId) {
+        const auto hello = EncodeHello(Hello{magic, kProtocolVersion, moduleId});
+        return Send(hello.data(), hello.size());
+    }
+    // The status of the hub's answer, or -1 when none came.
+    int ReadStatus() {
+        std::uint8_t reply[kHelloSize];
+        if (!ReadExactly(reply, sizeof(reply))) {
+            return -1;
+        }
+        return DecodeHello(std::span<const std::uint8_t, kHelloSize>(reply, kHelloSize)).value;
+    }
+    int Join(std::int32_t moduleId) {
+        SendHello(kHelloMagic, moduleId);
+        return ReadStatus();
+    }
+    bool ReadExactly(std::uint8_t* out, std::size_t size) {
+        std::size_t got = 0;
+        while (got < size) {
+            const ssize_t n = ::recv(fd_, out + got, size - got, 0);
+            if (n <= 0) {
+                return false;
+            }
+            got += static_cast<std::size_t>(n);
+        }
+        return true;
+    }
+    bool ReadFrame(TagIPCMessageItem& header, std::vector<std::uint8_t>& data) {
+        std::uint8_t prefix[kFramePrefixSize];
+        if (!ReadExactly(prefix, sizeof(prefix))) {
+            return false;
+        }
+        header = DecodeHeader(prefix + kLengthSize);
+        data.resize(static_cast<std::size_t>(header.dataLength));
+        return ReadExactly(data.data(), data.size());
+    }
+    // True once the hub has closed the connection (after whatever it still had in flight).
+    bool ClosedByHub() {
+        std::uint8_t sink[65536];
+        for (;;) {
+            const ssize_t n = ::recv(fd_, sink, sizeof(sink), 0);
+            if (n == 0) {
+                return true;
+            }
+            if (n < 0) {
+                return errno == ECONNRESET;
+            }
+        }
+    }
+
+  private:
+    int fd_ = -1;
+    bool connected_ = false;
+};
+
+template <typename Predicate>
+bool WaitUntil(Predicate predicate) {
+    const auto deadline = std::chrono::steady_clock::now() + kWait;
+    while (!predicate()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+class HubBadInputTest : public ::testing::Test {
+  protected:
+    void StartHub(HubLimits limits = {}) {
+        hub_ = std::make_unique<IPCMessageServer>(Socket(), PeerPolicy({::getuid()}, {}), limits);
+        ASSERT_TRUE(hub_->Start());
+    }
+    std::filesystem::path Socket() const { return dir_.path() / "ipc.sock"; }
+
+    // A well-behaved module beside the bad one still gets its frames through.
+    void ExpectHubStillRoutes() {
+        RawPeer good(Socket());
+        ASSERT_EQ(good.Join(0x620000), 0);
+        const char text[] = "still here";
+        auto frame = EncodeFrame(MakeItem(0x620000, 0x620000, 0x7500, text, sizeof(text)));
+        ASSERT_TRUE(good.Send(frame.data(), frame.size()));
+        TagIPCMessageItem header;
+        std::vector<std::uint8_t> data;
+        ASSERT_TRUE(good.ReadFrame(header, data));
+        EXPECT_EQ(header.messageId, 0x7500);
+        EXPECT_STREQ(reinterpret_cast<const char*>(data.data()), text);
+    }
+
+    void SendPrefix(RawPeer& peer, std::uint32_t length, std::int32_t dataLength) {
+        std::uint8_t prefix[kFramePrefixSize] = {};
+        TagIPCMessageItem item = MakeItem(0x620000, 0x600000, 1);
+        item.dataLength = dataLength;
+        EncodeFramePrefix(item, prefix);
+        PutU32(prefix, length);
+        ASSERT_TRUE(peer.Send(prefix, sizeof(prefix)));
+    }
+
+    TempDir dir_;
+    std::unique_ptr<IPCMessageServer> hub_;
+};
+
+TEST_F(HubBadInputTest, LengthThatDisagreesWithTheHeaderEndsThatConnection) {
+    StartHub();
+    RawPeer liar(Socket());
+    ASSERT_EQ(liar.Join(0x600000), 0);
+    SendPrefix(liar, kHeaderSize + 8, 4);
+    EXPECT_TRUE(liar.ClosedByHub());
+    ExpectHubStillRoutes();
+}
+
+TEST_F(HubBadInputTest, LengthBelowTheHeaderEndsThatConnection) {
+    StartHub();
+    RawPeer liar(Socket());
+    ASSERT_EQ(liar.Join(0x600000), 0);
+    SendPrefix(liar, 10, 0);
+    EXPECT_TRUE(liar.ClosedByHub());
+    ExpectHubStillRoutes();
+}
+
+TEST_F(HubBadInputTest, DataAboveSixteenMebibytesEndsThatConnectionBeforeItArrives) {
+    StartHub();
+    RawPeer large(Socket());
+    ASSERT_EQ(large.Join(0x600000), 0);
+    SendPrefix(large, kHeaderSize + kMaxDataLength + 1, kMaxDataLength + 1);
+    EXPECT_TRUE(large.ClosedByHub());
+    EXPECT_GE(hub_->Counters().dropped, 1u);
+    ExpectHubStillRoutes();
+}
+
+TEST_F(HubBadInputTest, PeerThatNeverSaysHelloIsCutOff) {
+    HubLimits limits;
+    limits.helloTimeout = std::chrono::milliseconds(100);
+    StartHub(limits);
+    RawPeer silent(Socket());
+    ASSERT_TRUE(silent.connected());
+    EXPECT_TRUE(silent.ClosedByHub());
+    ExpectHubStillRoutes();
+}
+
+TEST_F(HubBadInputTest, WrongMagicAndTheBroadcastIdAreRefused) {
+    StartHub();
+    RawPeer stranger(Socket());
+    stranger.SendHello(0x12345678, 0x600000);
+    EXPECT_EQ(stranger.ReadStatus(), EPROTO);
+    EXPECT_TRUE(stranger.ClosedByHub());
+    RawPeer broadcast(Socket());
+    EXPECT_EQ(broadcast.Join(0), EINVAL);
+    ExpectHubStillRoutes();
+}
+
+TEST_F(HubBadInputTest, PeerThatVanishesInTheMiddleOfAFrameEndsOnlyItself) {
+    StartHub();
+    {
+        RawPeer vanishing(Socket());
+        ASSERT_EQ(vanishing.Join(0x600000), 0);
+        SendPrefix(vanishing, kHeaderSize + 100, 100);
+    }
+    ASSERT_TRUE(WaitUntil([&] { return hub_->Counters().dropped >= 1; }));
+    ExpectHubStillRoutes();
+}
+
+TEST_F(HubBadInputTest, ReaderThatFallsBehindIsDroppedWithoutStallingOthers) {
+    StartHub();  // the queue limit: 48 MiB
+    RawPeer slow(Socket());
+    ASSERT_EQ(slow.Join(0x610000), 0);
+    IPCMessageClient sender(kSelf, Socket());
+    ASSERT_TRUE(sender.WaitJoined(kWait));
+    std::vector<std::uint8_t> block(4 * 1024 * 1024);
+    for (int i = 0; i < 20 && hub_->Counters().dropped == 0; ++i) {
+        sender.PostIPCMessage(
+            MakeItem(0x610000, kSelf, 0x7600, block.data(), static_cast<int>(block.size())));
+    }
+    ASSERT_TRUE(WaitUntil([&] { return hub_->Counters().dropped >= 1; }));
+    EXPECT_TRUE(slow.ClosedByHub());
+    ExpectHubStillRoutes();
+}
+
+TEST_F(HubBadInputTest, FramesFromOneConnectionArriveInOrder) {
+    StartHub();
+    RawPeer receiver(Socket());
+    ASSERT_EQ(receiver.Join(0x610000), 0);
+    IPCMessageClient sender(kSelf, Socket());
+    ASSERT_TRUE(sender.WaitJoined(kWait));
+    constexpr int kCount = 5000;
+    for (int i = 0; i < kCount; ++i) {
+        TagIPCMessageItem item = MakeItem(0x610000, kSelf, 0x7700);
+        item.syncMessageId = i;
+        ASSERT_TRUE(sender.PostIPCMessage(item));
+    }
+    for (int i = 0; i < kCount; ++i) {
+        TagIPCMessageItem header;
+        std::vector<std::uint8_t> data;
+        ASSERT_TRUE(receiver.ReadFrame(header, data));
+        ASSERT_EQ(header.syncMessageId, i);
+    }
+}
+
+}  // namespace
