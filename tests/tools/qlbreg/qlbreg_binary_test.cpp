@@ -1,0 +1,122 @@
+// The built qlbreg in a program directory of its own, with the machine profile beside it: what a user
+// sees on the console and the exit status.
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "../../runtime/registry/temp_dir.h"
+#include "runtime/registry/registry_store.h"
+
+namespace {
+
+using qlb::registry::RegistryStore;
+
+struct ToolRun {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+class QlbregBinaryTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::filesystem::create_directories(dir_ / "config");
+        std::filesystem::copy_file(std::filesystem::path(QLB_PROGRAM_DIR) / "qlbreg", dir_ / "qlbreg");
+        WriteProfile(R"({"registry": "state/registry.db"})");
+    }
+    void WriteProfile(const std::string& json) { std::ofstream(dir_ / "config" / "machine.json") << json; }
+    static std::string Slurp(const std::filesystem::path& file) {
+        std::ifstream in(file, std::ios::binary);
+        std::ostringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+    // Runs the tool from another directory, so that it must find its profile beside itself.
+    ToolRun Qlbreg(const std::string& args, const std::string& input = {}) {
+        std::ofstream(dir_ / "stdin.txt") << input;
+        const std::string command = "cd / && timeout 60 '" + (dir_ / "qlbreg").string() + "' " + args +
+                                    " < '" + (dir_ / "stdin.txt").string() + "' > '" +
+                                    (dir_ / "stdout.txt").string() + "' 2> '" +
+                                    (dir_ / "stderr.txt").string() + "'";
+        const int raw = std::system(command.c_str());
+        ToolRun run;
+        run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+        run.out = Slurp(dir_ / "stdout.txt");
+        run.err = Slurp(dir_ / "stderr.txt");
+        return run;
+    }
+
+    qlb::registry::testing::TempDir dir_;
+};
+
+TEST_F(QlbregBinaryTest, AddQueryDeleteRoundTrip) {
+    auto added = Qlbreg(
+        R"(add 'HKLM\SYSTEM\CurrentControlSet\Services\QLBMainService' /v Start /t REG_DWORD /d 2 /f)");
+    EXPECT_EQ(added.status, 0);
+    EXPECT_EQ(added.out, "The operation completed successfully.\n");
+    EXPECT_TRUE(std::filesystem::exists(dir_ / "state" / "registry.db"));
+
+    auto queried = Qlbreg(R"(query 'HKLM\SYSTEM\CurrentControlSet\Services\QLBMainService' /v start)");
+    EXPECT_EQ(queried.status, 0);
+    EXPECT_EQ(queried.out,
+              "\nHKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\QLBMainService\n"
+              "    Start    REG_DWORD    0x2\n\n");
+
+    // What the tool wrote is what the service reads.
+    auto store = RegistryStore::Open(dir_ / "state" / "registry.db");
+    ASSERT_TRUE(store);
+    EXPECT_EQ(
+        store.value
+            ->GetValue(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Services\\QLBMainService", L"Start")
+            .value.number,
+        2u);
+
+    auto deleted = Qlbreg(R"(delete 'HKLM\SYSTEM\CurrentControlSet\Services\QLBMainService' /f)");
+    EXPECT_EQ(deleted.status, 0);
+    auto gone = Qlbreg(R"(query 'HKLM\SYSTEM\CurrentControlSet\Services\QLBMainService')");
+    EXPECT_EQ(gone.status, 1);
+    EXPECT_EQ(gone.out, "");
+    EXPECT_EQ(gone.err, "ERROR: The system was unable to find the specified registry key or value.\n");
+}
+
+TEST_F(QlbregBinaryTest, PromptReadsStandardInput) {
+    ASSERT_EQ(Qlbreg(R"(add 'HKCU\Software\T' /v v /d one)").status, 0);
+    auto refused = Qlbreg(R"(add 'HKCU\Software\T' /v v /d two)", "no\n");
+    EXPECT_EQ(refused.status, 0);
+    EXPECT_EQ(refused.out, "Value v exists, overwrite(Yes/No)? The operation was cancelled by the user.\n");
+    EXPECT_NE(Qlbreg(R"(query 'HKCU\Software\T' /v v)").out.find("REG_SZ    one"), std::string::npos);
+    EXPECT_EQ(Qlbreg(R"(add 'HKCU\Software\T' /v v /d two)", "yes\n").status, 0);
+    EXPECT_NE(Qlbreg(R"(query 'HKCU\Software\T' /v v)").out.find("REG_SZ    two"), std::string::npos);
+}
+
+TEST_F(QlbregBinaryTest, SyntaxErrorExitsWithOne) {
+    auto run = Qlbreg("query");
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.err, "ERROR: Invalid syntax.\nType \"REG QUERY /?\" for usage.\n");
+    EXPECT_EQ(Qlbreg("").status, 1);
+    EXPECT_EQ(Qlbreg("/?").status, 0);
+}
+
+TEST_F(QlbregBinaryTest, MalformedProfileIsReportedWithExitOne) {
+    WriteProfile("{\"registry\": ");
+    auto run = Qlbreg(R"(query 'HKLM\X')");
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.err.rfind("ERROR: ", 0), 0u) << run.err;
+    EXPECT_NE(run.err.find("machine.json"), std::string::npos) << run.err;
+    EXPECT_FALSE(std::filesystem::exists(dir_ / "state"));
+}
+
+TEST_F(QlbregBinaryTest, FileThatIsNotAStoreIsLeftAlone) {
+    std::filesystem::create_directories(dir_ / "state");
+    const std::string text = "precious data that is not a registry store\n";
+    std::ofstream(dir_ / "state" / "registry.db") << text;
+    auto run = Qlbreg(R"(add 'HKLM\X' /v v /d 1 /f)");
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.err, "ERROR: The configuration registry database is corrupt.\n");
+    EXPECT_EQ(Slurp(dir_ / "state" / "registry.db"), text);
+}
+
+}  // namespace
