@@ -34,8 +34,12 @@ std::string BootId() {
     return id;
 }
 
-std::filesystem::path NotesDir() {
-    return qlb::MachineProfile::Current().runDir / "monprocess";
+// The notes lie in the run directory of the installation the service belongs to, as its profile
+// beside it says.
+std::filesystem::path NotesDir(const wchar_t* servicePath) {
+    const std::filesystem::path service = qlb::W2U(servicePath);
+    const auto loaded = qlb::LoadMachineProfile(service.parent_path() / "config" / "machine.json");
+    return loaded.profile.runDir / "monprocess";
 }
 
 long WriteNote(const std::filesystem::path& file, const std::string& line, bool append) {
@@ -142,7 +146,7 @@ class MonProcessImpl final : public MonProcess {
             return win::ERROR_INVALID_PARAMETER;
         }
         std::lock_guard lock(notesMutex_);
-        return WriteNote(NotesDir() / "bootalive", BootId() + '\t' + qlb::W2U(servicePath), false);
+        return WriteNote(NotesDir(servicePath) / "bootalive", BootId() + '\t' + qlb::W2U(servicePath), false);
     }
 
     long QueryBootAlive(const wchar_t* servicePath, DWORD* alive) override {
@@ -153,7 +157,7 @@ class MonProcessImpl final : public MonProcess {
             return win::ERROR_INVALID_FUNCTION;
         }
         std::lock_guard lock(notesMutex_);
-        std::ifstream in(NotesDir() / "bootalive");
+        std::ifstream in(NotesDir(servicePath) / "bootalive");
         std::string line;
         std::getline(in, line);
         *alive = line == BootId() + '\t' + qlb::W2U(servicePath) ? 1 : 0;
@@ -171,7 +175,7 @@ class MonProcessImpl final : public MonProcess {
                              std::chrono::system_clock::now().time_since_epoch())
                              .count();
         std::lock_guard lock(notesMutex_);
-        return WriteNote(NotesDir() / "shutdown",
+        return WriteNote(NotesDir(servicePath) / "shutdown",
                          BootId() + '\t' + std::to_string(now) + '\t' + qlb::W2U(servicePath), true);
     }
 

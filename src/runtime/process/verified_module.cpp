@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <mutex>
 #include <string>
 #include <utility>
 
@@ -34,12 +35,41 @@ VerifiedModule& VerifiedModule::operator=(VerifiedModule&& other) noexcept {
     return *this;
 }
 
+// The loader knows a loaded object by every name it was opened under, and an object may stay mapped
+// after dlclose (unique symbols make it undeletable). A name "/proc/self/fd/N" that served an earlier
+// load would therefore hand back that earlier object instead of the checked file. Each load takes a
+// descriptor number whose name no loaded object carries.
 void* VerifiedModule::Load() {
     if (fd_ < 0 || signError != signing::kSignatureGood) {
         return nullptr;
     }
-    const std::string self = "/proc/self/fd/" + std::to_string(fd_);
-    return ::dlopen(self.c_str(), RTLD_NOW | RTLD_LOCAL);
+    static std::mutex loadMutex;
+    std::lock_guard lock(loadMutex);
+    constexpr int kFirst = 100;
+    constexpr int kLast = kFirst + 4096;
+    for (int candidate = kFirst; candidate < kLast; ++candidate) {
+        if (::fcntl(candidate, F_GETFD) != -1) {
+            continue;  // in use by someone else
+        }
+        const std::string name = "/proc/self/fd/" + std::to_string(candidate);
+        // With the descriptor closed, only an object loaded earlier under this name can answer.
+        if (void* stale = ::dlopen(name.c_str(), RTLD_LAZY | RTLD_NOLOAD)) {
+            ::dlclose(stale);
+            continue;
+        }
+        const int dup = ::fcntl(fd_, F_DUPFD_CLOEXEC, candidate);
+        if (dup < 0) {
+            return nullptr;
+        }
+        if (dup != candidate) {
+            ::close(dup);  // another thread took the number meanwhile
+            continue;
+        }
+        void* handle = ::dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
+        ::close(dup);
+        return handle;
+    }
+    return nullptr;
 }
 
 VerifiedModule OpenVerifiedModule(const std::filesystem::path& path) {
