@@ -103,6 +103,11 @@ class ClientCore {
         }) && state_ == LinkState::kJoined;
     }
 
+    bool WaitIdle(std::chrono::milliseconds timeout) {
+        std::unique_lock<std::mutex> lock(sendMutex_);
+        return idleCv_.wait_for(lock, timeout, [&] { return outFrames_.empty(); });
+    }
+
     int LastRefusal() const { return lastRefusal_; }
     int ModuleId() const noexcept { return moduleId_; }
 
@@ -192,6 +197,7 @@ class ClientCore {
             queuedBytes_ = 0;
             outFrames_.clear();
             joinedCv_.notify_all();
+            idleCv_.notify_all();
             return;
         }
         state_ = LinkState::kDisconnected;
@@ -358,6 +364,7 @@ class ClientCore {
                 frontOffset_ = 0;
             }
         }
+        idleCv_.notify_all();
         SetWantWrite(false);
     }
 
@@ -386,6 +393,7 @@ class ClientCore {
     // Guarded by sendMutex_.
     std::mutex sendMutex_;
     std::condition_variable joinedCv_;
+    std::condition_variable idleCv_;
     LinkState state_ = LinkState::kDisconnected;
     int fd_ = -1;
     bool wantWrite_ = false;
@@ -458,6 +466,9 @@ bool IPCMessageClient::IsJoined() const {
 }
 bool IPCMessageClient::WaitJoined(std::chrono::milliseconds timeout) const {
     return core_->WaitJoined(timeout);
+}
+bool IPCMessageClient::WaitIdle(std::chrono::milliseconds timeout) const {
+    return core_->WaitIdle(timeout);
 }
 int IPCMessageClient::LastRefusal() const {
     return core_->LastRefusal();

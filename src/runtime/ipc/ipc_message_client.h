@@ -71,6 +71,9 @@ class IPCMessageClient {
     bool IsJoined() const;
     // Waits until the client has joined, up to `timeout`.
     bool WaitJoined(std::chrono::milliseconds timeout) const;
+    // Waits until every posted frame has been handed to the hub's socket, up to `timeout` (tools that
+    // exit right after posting).
+    bool WaitIdle(std::chrono::milliseconds timeout) const;
     // The status of the last refused HELLO (an errno), 0 if none was refused.
     int LastRefusal() const;
 
