@@ -22,7 +22,7 @@ DWORD ParseProcessIdText(const unsigned char* data, std::int32_t length) {
     if (!negative && parsed > 0xFFFFFFFFUL) {
         throw std::out_of_range("stoul argument out of range");
     }
-    if (negative && parsed < 0xFFFFFFFF00000000UL) {
+    if (negative && 0UL - parsed > 0xFFFFFFFFUL) {
         throw std::out_of_range("stoul argument out of range");
     }
     return static_cast<DWORD>(parsed);

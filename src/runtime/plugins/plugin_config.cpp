@@ -65,6 +65,8 @@ bool ParsePluginConfig(std::string_view xml, PluginConfig& config, std::string& 
         error = "the root element is not plugin-list";
         return false;
     }
+    // Nothing of a document that fails half-way reaches the caller.
+    PluginConfig parsed;
     std::set<std::pair<int, std::string>> seen;
     int index = 0;
     for (const auto* e = root->FirstChildElement(); e != nullptr; e = e->NextSiblingElement()) {
@@ -96,8 +98,9 @@ bool ParsePluginConfig(std::string_view xml, PluginConfig& config, std::string& 
                     std::to_string(entry.process);
             return false;
         }
-        config.plugins.push_back(std::move(entry));
+        parsed.plugins.push_back(std::move(entry));
     }
+    config = std::move(parsed);
     return true;
 }
 

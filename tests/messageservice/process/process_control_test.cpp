@@ -1,0 +1,274 @@
+// Process control requests on real processes under the product's names, in a program directory of
+// the test's own: starting the message centre, ending processes by name and by force, waiting.
+
+#include <dlfcn.h>
+#include <sys/wait.h>
+
+#include <cstring>
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+#include "messageservice/process_control.h"
+#include "messageservice/service_msg_client.h"
+#include "platform/processes/fake_process_api.h"
+#include "runtime/process/process_utils.h"
+#include "runtime/process/support/process_test_support.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace qlb::testing;
+
+std::vector<unsigned long> PidsOf(const std::wstring& name) {
+    std::vector<unsigned long> pids;
+    (void)ZVPROCESS::HELPER::QueryPidByProcessName(name, pids, ZVPROCESS::HELPER::QUERY_PROCESS_ALL);
+    return pids;
+}
+
+class ProcessControl : public ::testing::Test {
+  protected:
+    TempDir dir;
+    MinisignKey key{dir.path(), "maker"};
+    ProfileScope profile{dir.path(), {key.publicKey()}};
+    LogCapture log;
+    ServiceMsgClient handlers;
+    std::vector<unsigned long> startedByTest;
+
+    void SetUp() override { ZVPROCESS::HELPER::SetSelfDirectoryForTesting(dir.path()); }
+    void TearDown() override {
+        for (const unsigned long pid : startedByTest) {
+            ::kill(static_cast<pid_t>(pid), SIGKILL);
+        }
+        ZVPROCESS::HELPER::SetSelfDirectoryForTesting({});
+    }
+    void InstallMonProcess(bool sign) {
+        fs::copy_file(QLB_MONPROCESS_DLL, dir / "MonProcess.dll", fs::copy_options::overwrite_existing);
+        if (sign) {
+            key.Sign(dir / "MonProcess.dll");
+        }
+    }
+    bool MonProcessMapped() const {
+        void* h = ::dlopen((dir / "MonProcess.dll").c_str(), RTLD_NOW | RTLD_NOLOAD);
+        if (h != nullptr) {
+            ::dlclose(h);
+        }
+        return h != nullptr;
+    }
+    void ForceKill(const std::string& text) {
+        std::vector<unsigned char> payload(text.begin(), text.end());
+        payload.push_back('\0');
+        TagIPCMessageItem item;
+        item.messageId = 0x30078;
+        item.data = payload.data();
+        item.dataLength = static_cast<std::int32_t>(payload.size());
+        handlers.OnForceKill(item);
+    }
+    bool Logged(const std::string& level, const std::string& text, const std::string& function) const {
+        return log.Has(level, text + "(ServiceMsgClient::" + function + ")");
+    }
+};
+
+// --- Starting the message centre -------------------------------------------------------------------
+
+TEST_F(ProcessControl, StartMsgCenterStartsTheMessageCentreOfTheProgramDirectory) {
+    InstallHelper(dir.path(), "QLBMessageCenter.exe");
+    TagIPCMessageItem item;
+    item.messageId = 0x30003;
+    handlers.OnStartMsgCenter(item);
+    startedByTest = PidsOf(L"QLBMessageCenter.exe");
+    ASSERT_EQ(startedByTest.size(), 1u);
+    EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(startedByTest[0]) + "/exe"),
+              dir / "QLBMessageCenter.exe");
+}
+
+TEST_F(ProcessControl, ARunningMessageCentreIsNotStartedTwice) {
+    ChildProcess running(InstallHelper(dir.path(), "QLBMessageCenter.exe"));
+    TagIPCMessageItem item;
+    handlers.OnStartMsgCenter(item);
+    EXPECT_EQ(PidsOf(L"QLBMessageCenter.exe"),
+              std::vector<unsigned long>{static_cast<unsigned long>(running.pid())});
+    EXPECT_TRUE(Logged("ERROR", "QueryPidByProcessName vecPids.size is not 0 OR lResult:ERROR",
+                       "StartMsgCenterProcess"));
+}
+
+TEST_F(ProcessControl, AMessageCentreThatCannotStartIsLogged) {
+    TagIPCMessageItem item;
+    handlers.OnStartMsgCenter(item);
+    EXPECT_TRUE(Logged("ERROR", "StartUserProcessWithPrivilege failed", "StartMsgCenterProcess"));
+}
+
+// --- Ending a process by force --------------------------------------------------------------------
+
+TEST_F(ProcessControl, ForceKillOfAProcessThatEndsWithinTheGraceLoadsNoModule) {
+    InstallMonProcess(true);
+    ChildProcess child(InstallHelper(dir.path(), "Tessalink.exe"), {"--exit-after", "200"});
+    ForceKill(std::to_string(child.pid()));
+    EXPECT_TRUE(child.Ended());
+    EXPECT_TRUE(Logged("WARN", "OnForceKill in", "OnForceKill"));
+    EXPECT_TRUE(Logged("ERROR", "OnForceKill pid: " + std::to_string(child.pid()), "OnForceKill"));
+    EXPECT_TRUE(Logged("ERROR", "OnForceKill open Handle", "OnForceKill"));
+    EXPECT_FALSE(log.HasText("OnForceKill done: "));
+    EXPECT_FALSE(MonProcessMapped());
+}
+
+TEST_F(ProcessControl, ForceKillEndsAProcessThatOutlivesTheGraceThroughTheSignedModule) {
+    InstallMonProcess(true);
+    ChildProcess child(InstallHelper(dir.path(), "QLBMessageCenter.exe"));
+    ForceKill(std::to_string(child.pid()));
+    EXPECT_TRUE(Logged("ERROR", "OnForceKill done: ", "OnForceKill"));
+    EXPECT_TRUE(WaitUntil([&] { return child.Ended(); }));
+    EXPECT_FALSE(log.HasText("kill process id:"));
+}
+
+TEST_F(ProcessControl, ForceKillWithAnUnsignedModuleLeavesTheProcessRunning) {
+    InstallMonProcess(false);
+    ChildProcess child(InstallHelper(dir.path(), "QLBMessageCenter.exe"));
+    ForceKill(std::to_string(child.pid()));
+    EXPECT_TRUE(Logged("ERROR", "OnForceKill done: ", "OnForceKill"));
+    EXPECT_FALSE(child.Ended());
+    EXPECT_FALSE(MonProcessMapped());
+}
+
+TEST_F(ProcessControl, AModuleRefusalIsLoggedWithItsResult) {
+    // The first process of the machine outlives any grace, and the module never ends it.
+    InstallMonProcess(true);
+    ForceKill("1");
+    EXPECT_TRUE(Logged("ERROR", "kill process id:1, result:5", "KillProcessByDriver"));
+}
+
+TEST_F(ProcessControl, ForceKillOfAVanishedProcessFindsNothing) {
+    pid_t gone = ::fork();
+    if (gone == 0) {
+        ::_exit(0);
+    }
+    ::waitpid(gone, nullptr, 0);
+    ForceKill(std::to_string(gone));
+    EXPECT_TRUE(Logged("ERROR", "OnForceKill no find: ", "OnForceKill"));
+    EXPECT_FALSE(log.HasText("OnForceKill open Handle"));
+}
+
+TEST_F(ProcessControl, ForceKillWithoutPayloadIsRefused) {
+    TagIPCMessageItem item;
+    handlers.OnForceKill(item);
+    unsigned char byte = '5';
+    item.data = &byte;
+    item.dataLength = 0;
+    handlers.OnForceKill(item);
+    int refusals = 0;
+    for (const auto& line : log.Lines()) {
+        refusals += line.find("OnForceKill msg ERROR(ServiceMsgClient::OnForceKill)") != std::string::npos;
+    }
+    EXPECT_EQ(refusals, 2);
+}
+
+TEST_F(ProcessControl, ForceKillWithTextThatIsNoNumberLeavesByException) {
+    EXPECT_THROW(ForceKill("abc"), std::invalid_argument);
+    EXPECT_THROW(ForceKill(""), std::invalid_argument);
+    EXPECT_THROW(ForceKill("99999999999"), std::out_of_range);
+    EXPECT_FALSE(log.HasText("OnForceKill pid:"));
+}
+
+TEST_F(ProcessControl, ForceKillTextIsReadOnlyUpToItsLength) {
+    unsigned char payload[] = {'9', '9', '9', '9', '9', '9', '9', '1', '2', '3'};
+    TagIPCMessageItem item;
+    item.data = payload;
+    item.dataLength = 7;
+    handlers.OnForceKill(item);
+    EXPECT_TRUE(Logged("ERROR", "OnForceKill pid: 9999999", "OnForceKill"));
+    EXPECT_TRUE(Logged("ERROR", "OnForceKill no find: ", "OnForceKill"));
+}
+
+TEST(ProcessIdText, ConvertsAsA32BitStoul) {
+    auto parse = [](const char* text) {
+        return qlb::process_control::ParseProcessIdText(reinterpret_cast<const unsigned char*>(text),
+                                                        static_cast<std::int32_t>(std::strlen(text) + 1));
+    };
+    EXPECT_EQ(parse("1234"), 1234u);
+    EXPECT_EQ(parse("  42abc"), 42u);
+    EXPECT_EQ(parse("4294967295"), 0xFFFFFFFFu);
+    EXPECT_EQ(parse("-1"), 0xFFFFFFFFu);
+    EXPECT_EQ(parse("-0"), 0u);
+    EXPECT_EQ(parse("-4294967295"), 1u);
+    EXPECT_THROW(parse("4294967296"), std::out_of_range);
+    EXPECT_THROW(parse("-4294967296"), std::out_of_range);
+    EXPECT_THROW(parse("x1"), std::invalid_argument);
+}
+
+// --- Ending processes by name ---------------------------------------------------------------------
+
+TEST_F(ProcessControl, KillProcessEndsEveryProcessOfTheName) {
+    const auto image = InstallHelper(dir.path(), "QLBMessageCenter.exe");
+    ChildProcess a(image);
+    ChildProcess b(image);
+    ServiceMsgClient::KillProcess(L"QLBMessageCenter.exe");
+    EXPECT_TRUE(WaitUntil([&] { return a.Ended() && b.Ended(); }));
+    EXPECT_TRUE(Logged("ERROR", "KillProcess done: " + std::to_string(a.pid()), "KillProcess"));
+    EXPECT_TRUE(Logged("ERROR", "KillProcess done: " + std::to_string(b.pid()), "KillProcess"));
+}
+
+TEST_F(ProcessControl, KillProcessLetsAProcessThatEndsWithinTheGraceEndByItself) {
+    ChildProcess child(InstallHelper(dir.path(), "Tessalink.exe"), {"--exit-after", "200"});
+    ServiceMsgClient::KillProcess(L"Tessalink.exe");
+    EXPECT_TRUE(child.Ended());
+    EXPECT_TRUE(Logged("ERROR", "KillProcess open Handle", "KillProcess"));
+    EXPECT_FALSE(log.HasText("KillProcess done:"));
+}
+
+TEST_F(ProcessControl, KillProcessOfANameThatMatchesNothingDoesNothing) {
+    ServiceMsgClient::KillProcess(L"NoSuchProgram-qlb.exe");
+    EXPECT_FALSE(log.HasText("KillProcess"));
+}
+
+TEST_F(ProcessControl, KillProcessLogsRefusedOpensAndFailedEnds) {
+    qlb::platform::FakeProcessApi fake;
+    fake.Add(1234, {L"Tessalink.exe", false, false, win::ERROR_ACCESS_DENIED, 0});
+    fake.Add(1235, {L"Tessalink.exe", false, false, 0, win::ERROR_ACCESS_DENIED});
+    qlb::platform::SetProcessesForTesting(&fake);
+    ServiceMsgClient::KillProcess(L"Tessalink.exe");
+    qlb::platform::SetProcessesForTesting(nullptr);
+    EXPECT_TRUE(Logged("ERROR", "KillProcess no find:1234", "KillProcess"));
+    EXPECT_TRUE(Logged("ERROR", "KillProcess done: 1235", "KillProcess"));
+    EXPECT_TRUE(Logged("ERROR", "KillProcess error code:5", "KillProcess"));
+    EXPECT_EQ(fake.Calls(), (std::vector<std::string>{"snapshot", "open 1234", "open 1235", "wait 1235 1000",
+                                                      "terminate 1235"}));
+}
+
+// --- Waiting for a process -------------------------------------------------------------------------
+
+TEST_F(ProcessControl, WaitProcessExitWaitsForTheFirstProcessOfTheName) {
+    ChildProcess child(InstallHelper(dir.path(), "Tessalink.exe"), {"--exit-after", "300"});
+    ServiceMsgClient::WaitProcessExit(L"Tessalink.exe");
+    EXPECT_TRUE(child.Ended());
+    EXPECT_TRUE(Logged("ERROR", "WaitProcessExit begin process=Tessalink.exe", "WaitProcessExit"));
+    EXPECT_TRUE(Logged("ERROR", "Tessalink.exe exit", "WaitProcessExit"));
+    EXPECT_TRUE(Logged("ERROR", "WaitProcessExit end process=Tessalink.exe", "WaitProcessExit"));
+}
+
+TEST_F(ProcessControl, WaitProcessExitForANameThatIsNotRunningReturnsWithoutAClosingLine) {
+    ServiceMsgClient::WaitProcessExit(L"QLBMessageCenter-absent.exe");
+    EXPECT_TRUE(
+        Logged("ERROR", "WaitProcessExit begin process=QLBMessageCenter-absent.exe", "WaitProcessExit"));
+    EXPECT_FALSE(log.HasText("WaitProcessExit end"));
+}
+
+TEST_F(ProcessControl, WaitProcessExitReportsAFailedSnapshot) {
+    qlb::platform::FakeProcessApi fake;
+    fake.FailSnapshot(win::ERROR_ACCESS_DENIED);
+    qlb::platform::SetProcessesForTesting(&fake);
+    ServiceMsgClient::WaitProcessExit(L"Tessalink.exe");
+    qlb::platform::SetProcessesForTesting(nullptr);
+    EXPECT_TRUE(Logged("ERROR", "WaitProcessExit CreateToolhelp32Snapshot failed", "WaitProcessExit"));
+}
+
+TEST_F(ProcessControl, WaitProcessExitOfAProcessThatCannotBeOpenedEndsWithoutWaiting) {
+    qlb::platform::FakeProcessApi fake;
+    fake.Add(77, {L"Tessalink.exe", false, false, win::ERROR_ACCESS_DENIED, 0});
+    qlb::platform::SetProcessesForTesting(&fake);
+    ServiceMsgClient::WaitProcessExit(L"tessalink.exe");
+    qlb::platform::SetProcessesForTesting(nullptr);
+    EXPECT_FALSE(log.HasText("Tessalink.exe exit"));
+    EXPECT_TRUE(Logged("ERROR", "WaitProcessExit end process=tessalink.exe", "WaitProcessExit"));
+}
+
+}  // namespace

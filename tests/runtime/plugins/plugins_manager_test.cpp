@@ -1,0 +1,211 @@
+// The plugin host: signed plugins with all entries load for their process, everything else is
+// refused with a log line, and unloading undoes the loading.
+
+#include <dlfcn.h>
+
+#include <gtest/gtest.h>
+
+#include "runtime/plugins/qlb_plugins_manager.h"
+#include "runtime/process/support/process_test_support.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace qlb::testing;
+
+constexpr char kSampleClsid[] = "{6F1D2C3B-9A48-4E5F-8B7C-2D1E0F3A4B5C}";
+
+class PluginHost : public ::testing::Test {
+  protected:
+    TempDir dir;
+    MinisignKey key{dir.path(), "maker"};
+    ProfileScope profile{dir.path(), {key.publicKey()}};
+    LogCapture log;
+    fs::path pluginDir = dir / "plugins";
+    fs::path cfg = dir / "plugincfg.xml";
+
+    void SetUp() override { fs::create_directories(pluginDir); }
+
+    void Install(const char* built, const std::string& name, bool sign = true) {
+        const auto target = pluginDir / (name + ".dll");
+        fs::copy_file(built, target, fs::copy_options::overwrite_existing);
+        if (sign) {
+            key.Sign(target);
+        }
+    }
+    void Configure(const std::string& plugins) {
+        WriteFile(cfg, "<?xml version=\"1.0\" encoding=\"gb2312\" standalone=\"yes\" ?>\n<plugin-list>" +
+                           plugins + "</plugin-list>");
+    }
+    static std::string Entry(const std::string& name, int process = 1, bool open = true,
+                             const std::string& clsid = "") {
+        return "<plugin name=\"" + name + "\" process=\"" + std::to_string(process) + "\" open=\"" +
+               (open ? "1" : "0") + "\" clsid=\"" + clsid + "\"/>";
+    }
+    // Calls an exported counter of a loaded plugin; -1 when the plugin is not loaded.
+    int Counter(const std::string& name, const char* symbol) const {
+        void* h = ::dlopen((pluginDir / (name + ".dll")).c_str(), RTLD_NOW | RTLD_NOLOAD);
+        if (h == nullptr) {
+            return -1;
+        }
+        auto fn = reinterpret_cast<int (*)()>(::dlsym(h, symbol));
+        const int value = fn != nullptr ? fn() : -2;
+        ::dlclose(h);
+        return value;
+    }
+    bool Loaded(const std::string& name) const { return Counter(name, "QlbSamplePluginInitCount") >= 0; }
+};
+
+TEST_F(PluginHost, SignedPluginLoadsInitialisesAndUnloads) {
+    Install(QLB_SAMPLE_PLUGIN, "QLBSamplePlugin");
+    Configure(Entry("QLBSamplePlugin", 1, true, kSampleClsid));
+    QLBPluginsManager host(pluginDir);
+    ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
+    ASSERT_TRUE(host.LoadAllPlugins(nullptr));
+    EXPECT_EQ(host.LoadedPlugins(), std::vector<std::string>{"QLBSamplePlugin"});
+    EXPECT_EQ(Counter("QLBSamplePlugin", "QlbSamplePluginInitCount"), 1);
+    // A null context gets one of the host's, naming the process kind.
+    EXPECT_EQ(Counter("QLBSamplePlugin", "QlbSamplePluginLastProcess"), 1);
+    host.UnloadAllPlugins();
+    EXPECT_TRUE(host.LoadedPlugins().empty());
+    EXPECT_FALSE(Loaded("QLBSamplePlugin"));
+}
+
+TEST_F(PluginHost, LoadingTwiceLoadsOnceAndUnloadingTwiceIsHarmless) {
+    Install(QLB_SAMPLE_PLUGIN, "QLBSamplePlugin");
+    Configure(Entry("QLBSamplePlugin"));
+    QLBPluginsManager host(pluginDir);
+    ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
+    ASSERT_TRUE(host.LoadAllPlugins(nullptr));
+    ASSERT_TRUE(host.LoadAllPlugins(nullptr));
+    EXPECT_EQ(Counter("QLBSamplePlugin", "QlbSamplePluginInitCount"), 1);
+    host.UnloadAllPlugins();
+    host.UnloadAllPlugins();
+    EXPECT_FALSE(Loaded("QLBSamplePlugin"));
+}
+
+TEST_F(PluginHost, TheHostsDestructorUnloadsWhatIsLeft) {
+    Install(QLB_SAMPLE_PLUGIN, "QLBSamplePlugin");
+    Configure(Entry("QLBSamplePlugin"));
+    {
+        QLBPluginsManager host(pluginDir);
+        ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
+        ASSERT_TRUE(host.LoadAllPlugins(nullptr));
+        EXPECT_TRUE(Loaded("QLBSamplePlugin"));
+    }
+    EXPECT_FALSE(Loaded("QLBSamplePlugin"));
+}
+
+TEST_F(PluginHost, OnlyOpenPluginsOfTheHostsProcessLoad) {
+    Install(QLB_SAMPLE_PLUGIN, "Closed");
+    Install(QLB_SAMPLE_PLUGIN, "ForMessageCenter");
+    Install(QLB_SAMPLE_PLUGIN, "ForService");
+    Configure(Entry("Closed", 1, false) + Entry("ForMessageCenter", 2) + Entry("ForService", 1));
+    QLBPluginsManager host(pluginDir);
+    ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
+    EXPECT_EQ(host.ConfiguredPlugins().size(), 2u);
+    ASSERT_TRUE(host.LoadAllPlugins(nullptr));
+    EXPECT_EQ(host.LoadedPlugins(), std::vector<std::string>{"ForService"});
+    EXPECT_FALSE(Loaded("Closed"));
+    EXPECT_FALSE(Loaded("ForMessageCenter"));
+}
+
+TEST_F(PluginHost, AGivenContextReachesThePlugin) {
+    Install(QLB_SAMPLE_PLUGIN, "QLBSamplePlugin");
+    Configure(Entry("QLBSamplePlugin"));
+    QLBPluginsManager host(pluginDir);
+    ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
+    InitContext context{sizeof(InitContext), 7, "/opt/qlb/", "QLBSamplePlugin"};
+    ASSERT_TRUE(host.LoadAllPlugins(&context));
+    EXPECT_EQ(Counter("QLBSamplePlugin", "QlbSamplePluginLastProcess"), 7);
+}
+
+TEST_F(PluginHost, ObjectsAreCreatedByThePluginOfTheirClassId) {
+    Install(QLB_SAMPLE_PLUGIN, "QLBSamplePlugin");
+    Configure(Entry("QLBSamplePlugin", 1, true, kSampleClsid));
+    QLBPluginsManager host(pluginDir);
+    ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
+    ASSERT_TRUE(host.LoadAllPlugins(nullptr));
+    void* object = nullptr;
+    EXPECT_TRUE(host.CreateObject(kSampleClsid, &object));
+    EXPECT_NE(object, nullptr);
+    EXPECT_FALSE(host.CreateObject("{00000000-0000-0000-0000-000000000000}", &object));
+    EXPECT_FALSE(host.CreateObject(kSampleClsid, nullptr));
+}
+
+TEST_F(PluginHost, UnsignedPluginIsRefusedWhileTheOthersLoad) {
+    Install(QLB_SAMPLE_PLUGIN, "Unsigned", /*sign=*/false);
+    Install(QLB_SAMPLE_PLUGIN, "Signed");
+    Configure(Entry("Unsigned") + Entry("Signed"));
+    QLBPluginsManager host(pluginDir);
+    ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
+    EXPECT_FALSE(host.LoadAllPlugins(nullptr));
+    EXPECT_EQ(host.LoadedPlugins(), std::vector<std::string>{"Signed"});
+    EXPECT_FALSE(Loaded("Unsigned"));
+    EXPECT_TRUE(log.Has(
+        "ERROR", "plugin not loaded, signature check failed: " + (pluginDir / "Unsigned.dll").string() +
+                     ", error=0x800b0100(QLBPluginsManager::LoadOne)"));
+}
+
+TEST_F(PluginHost, PluginAlteredAfterSigningIsRefused) {
+    Install(QLB_SAMPLE_PLUGIN, "QLBSamplePlugin");
+    std::ofstream(pluginDir / "QLBSamplePlugin.dll", std::ios::app | std::ios::binary) << "tail";
+    Configure(Entry("QLBSamplePlugin"));
+    QLBPluginsManager host(pluginDir);
+    ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
+    EXPECT_FALSE(host.LoadAllPlugins(nullptr));
+    EXPECT_FALSE(Loaded("QLBSamplePlugin"));
+    EXPECT_TRUE(log.HasText("error=0x80096010"));
+}
+
+TEST_F(PluginHost, MissingPluginFileFailsTheLoad) {
+    Configure(Entry("Absent"));
+    QLBPluginsManager host(pluginDir);
+    ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
+    EXPECT_FALSE(host.LoadAllPlugins(nullptr));
+    EXPECT_TRUE(host.LoadedPlugins().empty());
+    EXPECT_TRUE(log.HasText("Absent.dll, error=0x2("));
+}
+
+TEST_F(PluginHost, ModuleWithoutTheEntriesIsRefusedAndUnloaded) {
+    Install(QLB_NOENTRY_PLUGIN, "NoEntries");
+    Configure(Entry("NoEntries"));
+    QLBPluginsManager host(pluginDir);
+    ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
+    EXPECT_FALSE(host.LoadAllPlugins(nullptr));
+    EXPECT_TRUE(host.LoadedPlugins().empty());
+    EXPECT_FALSE(Loaded("NoEntries"));
+    EXPECT_TRUE(
+        log.Has("ERROR", "plugin not loaded, entries missing: " + (pluginDir / "NoEntries.dll").string()));
+}
+
+TEST_F(PluginHost, PluginThatRefusesToInitialiseIsUnloaded) {
+    Install(QLB_FAILING_PLUGIN, "Failing");
+    Configure(Entry("Failing"));
+    QLBPluginsManager host(pluginDir);
+    ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
+    EXPECT_FALSE(host.LoadAllPlugins(nullptr));
+    EXPECT_FALSE(Loaded("Failing"));
+    EXPECT_TRUE(log.Has("ERROR", "plugin refused to initialize: Failing(QLBPluginsManager::LoadOne)"));
+}
+
+TEST_F(PluginHost, MalformedConfigurationIsRefusedAndTheFormerOneStays) {
+    Configure(Entry("First"));
+    QLBPluginsManager host(pluginDir);
+    ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
+    WriteFile(cfg, "<plugin-list><plugin name='Second' process='1'>");
+    EXPECT_FALSE(host.LoadCfg(cfg.c_str(), 1));
+    ASSERT_EQ(host.ConfiguredPlugins().size(), 1u);
+    EXPECT_EQ(host.ConfiguredPlugins()[0].name, "First");
+    EXPECT_TRUE(log.HasText("plugin cfg is malformed: " + cfg.string()));
+}
+
+TEST_F(PluginHost, MissingOrNullConfigurationPathIsRefused) {
+    QLBPluginsManager host(pluginDir);
+    EXPECT_FALSE(host.LoadCfg((dir / "absent.xml").c_str(), 1));
+    EXPECT_FALSE(host.LoadCfg(nullptr, 1));
+    EXPECT_FALSE(host.LoadCfg(dir.path().c_str(), 1));  // a directory
+    EXPECT_TRUE(host.LoadAllPlugins(nullptr));          // nothing configured, nothing to fail
+}
+
+}  // namespace
