@@ -108,6 +108,12 @@ void FrameReader::Compact() {
 }
 
 std::span<std::uint8_t> FrameReader::WritableTail(std::size_t minimum) {
+    // A large frame once read leaves no large buffer behind: a hub holds one reader per connection.
+    constexpr std::size_t kKeep = 256 * 1024;
+    if (begin_ == end_ && buffer_.size() > kKeep && minimum <= kKeep) {
+        std::vector<std::uint8_t>(kKeep).swap(buffer_);
+        begin_ = end_ = 0;
+    }
     if (buffer_.size() - end_ < minimum) {
         Compact();
         if (buffer_.size() - end_ < minimum) {
