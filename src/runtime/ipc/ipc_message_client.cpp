@@ -27,6 +27,7 @@ namespace {
 constexpr std::size_t kReadChunk = 64 * 1024;
 constexpr int kMaxIovecs = 64;
 constexpr auto kConstructorJoinWait = std::chrono::seconds(5);
+constexpr auto kReplyTimeout = std::chrono::seconds(5);
 
 enum class LinkState { kDisconnected, kAwaitingReply, kJoined, kClosed };
 
@@ -117,6 +118,12 @@ class ClientCore {
         [[maybe_unused]] ssize_t written = ::write(wakeFd_, &one, sizeof(one));
     }
 
+    static int MillisecondsUntil(std::chrono::steady_clock::time_point when,
+                                 std::chrono::steady_clock::time_point now) {
+        return static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(when - now).count()) +
+               1;
+    }
+
     void Run() {
         std::vector<epoll_event> events(8);
         while (!stopping_) {
@@ -132,10 +139,18 @@ class ClientCore {
                     TryConnect();
                     continue;
                 }
-                timeout =
-                    static_cast<int>(
-                        std::chrono::duration_cast<std::chrono::milliseconds>(nextAttempt_ - now).count()) +
-                    1;
+                timeout = MillisecondsUntil(nextAttempt_, now);
+            } else if (state == LinkState::kAwaitingReply) {
+                // A hub that takes the connection and never answers the HELLO is given up on like one
+                // that is not there.
+                const auto now = std::chrono::steady_clock::now();
+                if (now >= replyDeadline_) {
+                    QLOG_ERROR("IPC hub did not answer the HELLO of module 0x" << std::hex << moduleId_);
+                    CloseSocket();
+                    ScheduleRetry();
+                    continue;
+                }
+                timeout = MillisecondsUntil(replyDeadline_, now);
             }
             const int count = ::epoll_wait(epollFd_, events.data(), static_cast<int>(events.size()), timeout);
             for (int i = 0; i < count && !stopping_; ++i) {
@@ -187,6 +202,7 @@ class ClientCore {
         fd_ = fd;
         wantWrite_ = false;
         replyBytes_ = 0;
+        replyDeadline_ = std::chrono::steady_clock::now() + kReplyTimeout;
         state_ = LinkState::kAwaitingReply;
     }
 
@@ -406,6 +422,7 @@ class ClientCore {
     std::uint8_t reply_[kHelloSize] = {};
     std::size_t replyBytes_ = 0;
     std::chrono::steady_clock::time_point nextAttempt_{};
+    std::chrono::steady_clock::time_point replyDeadline_{};
     std::chrono::milliseconds retryDelay_;
     bool loggedConnectFailure_ = false;
     std::atomic<int> lastRefusal_{0};

@@ -2,6 +2,8 @@
 // through a hub running in the test.
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <set>
 
@@ -9,6 +11,7 @@
 #include "runtime/ipc/frame_codec.h"
 #include "runtime/ipc/ipc_message_ids.h"
 #include "runtime/ipc/ipc_message_server.h"
+#include "runtime/ipc/socket_util.h"
 
 using namespace qlb::ipc;
 using namespace qlb::ipc::test;
@@ -279,6 +282,26 @@ TEST(ChannelClientTest, LaterRegistrationReplacesTheFormerAndUnregisterRemovesIt
     ASSERT_TRUE(client.PostIPCMessage(MakeItem(kSelf, kSelf, 0x7400)));
     ASSERT_TRUE(fallback.WaitCount(1));
     EXPECT_EQ(second.Size(), 1u);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(ChannelClientSilentHubTest, HubThatNeverAnswersTheHelloIsGivenUp) {
+    TempDir dir;
+    const auto socket = dir.path() / "ipc.sock";
+    const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    ASSERT_TRUE(FillUnixAddress(socket, address));
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(::listen(listener, 4), 0);  // connections wait in the backlog and hear nothing
+    ClientOptions once;
+    once.reconnect = false;
+    IPCMessageClient client(kSelf, socket, once);
+    EXPECT_FALSE(client.WaitJoined(kWait));
+    EXPECT_FALSE(client.PostIPCMessage(MakeItem(1, kSelf, 1))) << "a client that gave up refuses posts";
+    ::close(listener);
 }
 
 }  // namespace
