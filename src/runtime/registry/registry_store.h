@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "runtime/common/result.h"
@@ -109,14 +110,20 @@ class RegistryStore {
     SysStatus Resolve(HKEY root, std::wstring_view path, KeyChain& chain, bool create);
     SysStatus Touch(const KeyChain& chain, std::size_t ownerDepth);
     SysStatus MapError(int rc) const;
+    // Drops the cached key ids when another connection has committed since they were read.
+    SysStatus CheckCache();
 
     std::filesystem::path file_;
     sqlite3* db_ = nullptr;
     std::mutex mutex_;
     std::unique_ptr<Statement> begin_, beginImmediate_, commit_, rollback_;
-    std::unique_ptr<Statement> findKey_, insertKey_, touchOwner_, touchTree_, readStamp_;
+    std::unique_ptr<Statement> findKey_, insertKey_, touch_, readStamp_;
     std::unique_ptr<Statement> getValue_, upsertValue_, deleteValue_, hasChild_, deleteKey_;
-    std::unique_ptr<Statement> deleteTreeValues_, deleteTreeKeys_, listKeys_, listValues_;
+    std::unique_ptr<Statement> deleteTreeValues_, deleteTreeKeys_, listKeys_, listValues_, versionStmt_;
+    // Key ids by hive and folded path. Valid while no other connection commits (PRAGMA data_version
+    // tells) and this one neither deletes keys nor rolls back.
+    std::unordered_map<std::wstring, std::vector<std::int64_t>> keyCache_;
+    std::int64_t seenVersion_ = -1;
 };
 
 }  // namespace qlb::registry
