@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "platform/processes/process_api.h"
+#include "platform/sessions/session_source.h"
 #include "runtime/common/machine_profile.h"
 #include "runtime/common/program_dir.h"
 #include "runtime/common/strings.h"
@@ -16,14 +17,15 @@ std::mutex g_helperMutex;
 std::function<std::string()> g_sessionUserResolver;
 std::filesystem::path g_selfDirOverride;
 
-// Without a session manager the profile names the sessions and the active one.
-std::string SessionUserFromProfile() {
-    const auto& profile = qlb::MachineProfile::Current();
-    if (!profile.activeSession) {
+// The session layer knows who is logged on at the console (logind, or the profile and the last
+// logon control on machines without one).
+std::string SessionUserFromSessionLayer() {
+    auto& source = qlb::platform::CurrentSessionSource();
+    const DWORD session = source.ActiveConsoleSessionId();
+    if (session == qlb::platform::kNoConsoleSession) {
         return {};
     }
-    auto it = profile.sessions.find(*profile.activeSession);
-    return it == profile.sessions.end() ? std::string{} : it->second;
+    return source.UserOfSession(session).value_or(std::string());
 }
 
 // Names may come with the original platform's separators ("\\PluginUpdate.dll"); they are relative to
@@ -90,7 +92,7 @@ std::string ActiveSessionUser() {
         std::lock_guard lock(g_helperMutex);
         resolver = g_sessionUserResolver;
     }
-    return resolver ? resolver() : SessionUserFromProfile();
+    return resolver ? resolver() : SessionUserFromSessionLayer();
 }
 
 void SetActiveSessionUserResolver(std::function<std::string()> resolver) {

@@ -23,7 +23,7 @@ DWORD PsStartProcessWithCurrentPrivilege(const wchar_t* name, DWORD* pid, DWORD 
 namespace ZVPROCESS {
 
 // The user name of the active console session, empty when nobody is logged on. The session layer
-// answers it; a test or a tool may put its own answer in place.
+// (platform/sessions) answers it; a test or a tool may put its own answer in place.
 std::string ActiveSessionUser();
 void SetActiveSessionUserResolver(std::function<std::string()> resolver);
 

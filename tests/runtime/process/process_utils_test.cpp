@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/processes/fake_process_api.h"
+#include "platform/sessions/session_source.h"
 #include "runtime/common/program_dir.h"
 #include "runtime/process/process_utils.h"
 #include "runtime/process/support/process_test_support.h"
@@ -145,13 +146,18 @@ TEST_F(ProcessStart, AnUnknownSessionUserFailsTheStart) {
     EXPECT_EQ(PsStartProcessWithCurrentPrivilege(L"QLBMessageCenter.exe", &pid, 0), 0u);
 }
 
-TEST_F(ProcessStart, SessionUserComesFromTheProfileWithoutASessionLayer) {
+TEST_F(ProcessStart, SessionUserIsTheUserTheSessionLayerNamesForTheConsole) {
     qlb::testing::ProfileScope profile(dir.path());
-    EXPECT_EQ(ZVPROCESS::ActiveSessionUser(), "");
     profile.profile().sessions = {{1, "alice"}, {2, "bob"}};
     profile.profile().activeSession = 2;
-    profile.Apply();
+    qlb::platform::SetCurrentSessionSource(
+        std::make_unique<qlb::platform::EmbeddedSessionSource>(profile.profile()));
     EXPECT_EQ(ZVPROCESS::ActiveSessionUser(), "bob");
+    profile.profile().activeSession.reset();
+    qlb::platform::SetCurrentSessionSource(
+        std::make_unique<qlb::platform::EmbeddedSessionSource>(profile.profile()));
+    EXPECT_EQ(ZVPROCESS::ActiveSessionUser(), "");
+    qlb::platform::SetCurrentSessionSource(nullptr);
 }
 
 TEST(SelfPath, JoinsTheProgramDirectoryWithAFileNameInEitherSeparator) {
