@@ -1,0 +1,295 @@
+#include "platform/services/embedded_service_manager.h"
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <map>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "platform/services/service_dispatcher.h"
+#include "runtime/common/machine_profile.h"
+#include "runtime/common/strings.h"
+
+namespace qlb::platform {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+class InMemoryDatabase final : public ServiceDatabase {
+  public:
+    SysResult<ServiceConfig> Read(const std::wstring& name) override {
+        const auto it = rows_.find(ToLowerAscii(name));
+        if (it == rows_.end()) {
+            return SysResult<ServiceConfig>::Fail(win::ERROR_SERVICE_DOES_NOT_EXIST);
+        }
+        return SysResult<ServiceConfig>::Ok(it->second);
+    }
+    SysStatus Write(const ServiceConfig& config) override {
+        rows_[ToLowerAscii(config.name)] = config;
+        return SysStatus::Ok();
+    }
+    SysStatus Remove(const std::wstring& name) override {
+        rows_.erase(ToLowerAscii(name));
+        return SysStatus::Ok();
+    }
+
+  private:
+    std::map<std::wstring, ServiceConfig> rows_;
+};
+
+class RecordingSessions final : public SessionSource {
+  public:
+    DWORD ActiveConsoleSessionId() override { return active; }
+    std::optional<std::string> UserOfSession(DWORD) override { return std::nullopt; }
+    SysStatus SetActiveSession(DWORD id) override {
+        active = id;
+        return SysStatus::Ok();
+    }
+    DWORD active = kNoConsoleSession;
+};
+
+// Polls `pred` until it holds or the limit passes.
+template <typename Pred>
+bool Eventually(Pred pred, std::chrono::milliseconds limit = 10s) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < end) {
+        if (pred()) {
+            return true;
+        }
+        std::this_thread::sleep_for(5ms);
+    }
+    return pred();
+}
+
+class EmbeddedManagerTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        dir_ = fs::temp_directory_path() / ("qlb-esm-" + std::to_string(::getpid()) + "-" +
+                                            ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::remove_all(dir_);
+        fs::create_directories(dir_);
+        manager_ = std::make_unique<EmbeddedServiceManager>(std::make_unique<InMemoryDatabase>(),
+                                                            dir_ / "run", &sessions_, 10000);
+    }
+    void TearDown() override {
+        for (const auto pid : started_) {
+            ::kill(static_cast<pid_t>(pid), SIGKILL);
+        }
+        fs::remove_all(dir_);
+    }
+
+    ServiceConfig Config(const std::wstring& name, const fs::path& binary) {
+        ServiceConfig c;
+        c.name = name;
+        c.displayName = name;
+        c.binaryPath = binary.wstring();
+        c.startType = SERVICE_DEMAND_START;
+        return c;
+    }
+    // A service binary that never talks to the manager: it just lives.
+    fs::path SleeperScript() {
+        const fs::path script = dir_ / "sleeper.sh";
+        std::ofstream(script) << "#!/bin/sh\nexec sleep 60\n";
+        ::chmod(script.c_str(), 0755);
+        return script;
+    }
+
+    fs::path dir_;
+    RecordingSessions sessions_;
+    std::unique_ptr<EmbeddedServiceManager> manager_;
+    std::vector<std::int64_t> started_;
+};
+
+TEST_F(EmbeddedManagerTest, RegistrationLifecycle) {
+    EXPECT_EQ(manager_->OpenService(L"Svc", 0).error, win::ERROR_SERVICE_DOES_NOT_EXIST);
+    ASSERT_TRUE(manager_->CreateService(Config(L"Svc", "/bin/true")).ok());
+    EXPECT_TRUE(manager_->OpenService(L"SVC", 0).ok());
+    EXPECT_EQ(manager_->CreateService(Config(L"svc", "/bin/false")).error, win::ERROR_SERVICE_EXISTS);
+    EXPECT_EQ(manager_->QueryServiceConfig(L"svc").value.binaryPath, L"/bin/true");
+    ASSERT_TRUE(manager_->ChangeStartType(L"svc", SERVICE_DISABLED).ok());
+    EXPECT_EQ(manager_->QueryServiceConfig(L"svc").value.startType, SERVICE_DISABLED);
+    ASSERT_TRUE(manager_->DeleteService(L"svc").ok());
+    EXPECT_EQ(manager_->DeleteService(L"svc").error, win::ERROR_SERVICE_DOES_NOT_EXIST);
+}
+
+TEST_F(EmbeddedManagerTest, BadNamesAreRefused) {
+    EXPECT_EQ(manager_->OpenService(L"", 0).error, win::ERROR_INVALID_NAME);
+    EXPECT_EQ(manager_->CreateService(Config(L"a/b", "/bin/true")).error, win::ERROR_INVALID_NAME);
+    EXPECT_EQ(manager_->StartService(L"..\\x").error, win::ERROR_INVALID_NAME);
+}
+
+TEST_F(EmbeddedManagerTest, NeverStartedServiceIsStoppedAndRefusesControls) {
+    ASSERT_TRUE(manager_->CreateService(Config(L"svc", "/bin/true")).ok());
+    const auto status = manager_->QueryServiceStatus(L"svc");
+    ASSERT_TRUE(status.ok());
+    EXPECT_EQ(status.value.dwCurrentState, SERVICE_STOPPED);
+    EXPECT_EQ(manager_->ControlService(L"svc", SERVICE_CONTROL_STOP, 0, 0).error,
+              win::ERROR_SERVICE_NOT_ACTIVE);
+}
+
+TEST_F(EmbeddedManagerTest, StartOfMissingOrDisabledBinaryFails) {
+    ASSERT_TRUE(manager_->CreateService(Config(L"svc", dir_ / "nope")).ok());
+    EXPECT_EQ(manager_->StartService(L"svc").error, win::ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(manager_->QueryServiceStatus(L"svc").value.dwCurrentState, SERVICE_STOPPED);
+    ASSERT_TRUE(manager_->ChangeStartType(L"svc", SERVICE_DISABLED).ok());
+    EXPECT_EQ(manager_->StartService(L"svc").error, win::ERROR_SERVICE_DISABLED);
+}
+
+TEST_F(EmbeddedManagerTest, ConcurrentStartsStartOneProcess) {
+    ASSERT_TRUE(manager_->CreateService(Config(L"svc", SleeperScript())).ok());
+    std::atomic<int> ok{0};
+    std::atomic<int> already{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] {
+            const auto st = manager_->StartService(L"svc");
+            (st.ok() ? ok : already) += st.ok() || st.error == win::ERROR_SERVICE_ALREADY_RUNNING ? 1 : 0;
+        });
+    }
+    for (auto& t : threads) {
+        t.join();
+    }
+    EXPECT_EQ(ok.load(), 1);
+    EXPECT_EQ(already.load(), 3);
+    const auto record = ServiceStateStore(dir_ / "run").Read(L"svc");
+    ASSERT_TRUE(record);
+    started_.push_back(record->pid);
+    EXPECT_EQ(manager_->QueryServiceStatus(L"svc").value.dwCurrentState, SERVICE_START_PENDING);
+}
+
+TEST_F(EmbeddedManagerTest, ServiceThatDiesWithoutReportingShowsStopped) {
+    ASSERT_TRUE(manager_->CreateService(Config(L"svc", SleeperScript())).ok());
+    ASSERT_TRUE(manager_->StartService(L"svc").ok());
+    const auto record = ServiceStateStore(dir_ / "run").Read(L"svc");
+    ASSERT_TRUE(record);
+    started_.push_back(record->pid);
+    ASSERT_EQ(::kill(static_cast<pid_t>(record->pid), SIGKILL), 0);
+    ASSERT_TRUE(Eventually(
+        [&] { return manager_->QueryServiceStatus(L"svc").value.dwCurrentState == SERVICE_STOPPED; }));
+    EXPECT_EQ(manager_->QueryServiceStatus(L"svc").value.dwWin32ExitCode, win::ERROR_PROCESS_ABORTED);
+    EXPECT_EQ(manager_->ControlService(L"svc", SERVICE_CONTROL_STOP, 0, 0).error,
+              win::ERROR_SERVICE_NOT_ACTIVE);
+    // And it can be started again.
+    ASSERT_TRUE(manager_->StartService(L"svc").ok());
+    started_.push_back(ServiceStateStore(dir_ / "run").Read(L"svc")->pid);
+}
+
+TEST_F(EmbeddedManagerTest, LogonAndUnlockMoveTheConsoleEvenToAStoppedService) {
+    ASSERT_TRUE(manager_->CreateService(Config(L"svc", "/bin/true")).ok());
+    (void)manager_->ControlService(L"svc", SERVICE_CONTROL_SESSIONCHANGE, WTS_SESSION_LOGON, 3);
+    EXPECT_EQ(sessions_.active, 3u);
+    (void)manager_->ControlService(L"svc", SERVICE_CONTROL_SESSIONCHANGE, WTS_SESSION_LOCK, 4);
+    EXPECT_EQ(sessions_.active, 3u);
+    (void)manager_->ControlService(L"svc", SERVICE_CONTROL_SESSIONCHANGE, WTS_SESSION_UNLOCK, 5);
+    EXPECT_EQ(sessions_.active, 5u);
+}
+
+// --- control delivery through the dispatcher, with this test process as the service process ---
+
+struct InProcessService {
+    static inline std::atomic<int> handled{0};
+    static inline std::atomic<DWORD> lastControl{0};
+    static inline std::atomic<DWORD> lastSession{0};
+    static inline std::atomic<bool> goRunning{false};
+    static inline SERVICE_STATUS_HANDLE handle = nullptr;
+};
+
+std::atomic<bool> g_stopRequested{false};
+SERVICE_STATUS g_status;
+
+DWORD TestHandler(DWORD control, DWORD, void* data, void*) {
+    InProcessService::lastControl = control;
+    if (control == SERVICE_CONTROL_SESSIONCHANGE && data) {
+        InProcessService::lastSession = static_cast<WTSSESSION_NOTIFICATION*>(data)->dwSessionId;
+    }
+    if (control == SERVICE_CONTROL_STOP) {
+        g_status.dwCurrentState = SERVICE_STOP_PENDING;
+        (void)SetServiceStatus(InProcessService::handle, &g_status);
+        g_stopRequested = true;
+    }
+    ++InProcessService::handled;
+    return 0;
+}
+
+void TestServiceMain(DWORD, wchar_t**) {
+    auto registered = RegisterServiceCtrlHandlerExW(L"InProc", TestHandler, nullptr);
+    InProcessService::handle = registered.value;
+    g_status = SERVICE_STATUS{SERVICE_WIN32_OWN_PROCESS, SERVICE_START_PENDING, 0xC4, 0, 0, 1, 3000};
+    (void)SetServiceStatus(InProcessService::handle, &g_status);
+    while (!InProcessService::goRunning) {
+        std::this_thread::sleep_for(1ms);
+    }
+    g_status = SERVICE_STATUS{SERVICE_WIN32_OWN_PROCESS, SERVICE_RUNNING, 0xC5, 0, 0, 0, 0};
+    (void)SetServiceStatus(InProcessService::handle, &g_status);
+    while (!g_stopRequested) {
+        std::this_thread::sleep_for(1ms);
+    }
+    g_status = SERVICE_STATUS{SERVICE_WIN32_OWN_PROCESS, SERVICE_STOPPED, 0, 0, 0, 0, 0};
+    (void)SetServiceStatus(InProcessService::handle, &g_status);
+}
+
+TEST_F(EmbeddedManagerTest, DispatcherRefusesAProcessTheManagerDidNotStart) {
+    SetServiceProcessHost(std::make_unique<EmbeddedServiceProcessHost>(dir_ / "run"));
+    const SERVICE_TABLE_ENTRYW table[] = {{L"InProc", TestServiceMain}, {nullptr, nullptr}};
+    EXPECT_EQ(StartServiceCtrlDispatcherW(table).error, win::ERROR_FAILED_SERVICE_CONTROLLER_CONNECT);
+}
+
+TEST_F(EmbeddedManagerTest, ControlsReachTheHandlerOneAtATimeAndObeyTheMask) {
+    ASSERT_TRUE(manager_->CreateService(Config(L"InProc", "/bin/true")).ok());
+    // Publish this process as the one the manager started.
+    ServiceStateRecord record;
+    record.pid = ::getpid();
+    record.processStartTime = ProcessStartTime(::getpid()).value();
+    record.status.dwCurrentState = SERVICE_START_PENDING;
+    ASSERT_TRUE(ServiceStateStore(dir_ / "run").Write(L"InProc", record).ok());
+    SetServiceProcessHost(std::make_unique<EmbeddedServiceProcessHost>(dir_ / "run"));
+
+    SysStatus dispatched = SysStatus::Fail(1);
+    std::thread dispatcher([&] {
+        const SERVICE_TABLE_ENTRYW table[] = {{L"InProc", TestServiceMain}, {nullptr, nullptr}};
+        dispatched = StartServiceCtrlDispatcherW(table);
+    });
+    ASSERT_TRUE(Eventually([&] {
+        const auto s = manager_->QueryServiceStatus(L"InProc").value;
+        return s.dwControlsAccepted == 0xC4;
+    }));
+
+    // Stop is not in the start-pending mask: refused, and the handler never sees it.
+    EXPECT_EQ(manager_->ControlService(L"InProc", SERVICE_CONTROL_STOP, 0, 0).error,
+              win::ERROR_INVALID_SERVICE_CONTROL);
+    EXPECT_EQ(InProcessService::handled.load(), 0);
+
+    // A session change is accepted while pending, and has run when the call returns.
+    const auto session =
+        manager_->ControlService(L"InProc", SERVICE_CONTROL_SESSIONCHANGE, WTS_SESSION_LOCK, 9);
+    ASSERT_TRUE(session.ok()) << session.error;
+    EXPECT_EQ(InProcessService::handled.load(), 1);
+    EXPECT_EQ(InProcessService::lastSession.load(), 9u);
+
+    InProcessService::goRunning = true;
+    ASSERT_TRUE(Eventually(
+        [&] { return manager_->QueryServiceStatus(L"InProc").value.dwCurrentState == SERVICE_RUNNING; }));
+    // Pause is in no mask this service publishes.
+    EXPECT_EQ(manager_->ControlService(L"InProc", SERVICE_CONTROL_PAUSE, 0, 0).error,
+              win::ERROR_INVALID_SERVICE_CONTROL);
+
+    const auto stop = manager_->ControlService(L"InProc", SERVICE_CONTROL_STOP, 0, 0);
+    ASSERT_TRUE(stop.ok()) << stop.error;
+    EXPECT_EQ(stop.value.dwCurrentState, SERVICE_STOP_PENDING);
+    dispatcher.join();
+    EXPECT_TRUE(dispatched.ok());
+    EXPECT_EQ(manager_->QueryServiceStatus(L"InProc").value.dwCurrentState, SERVICE_STOPPED);
+    EXPECT_EQ(manager_->ControlService(L"InProc", SERVICE_CONTROL_INTERROGATE, 0, 0).error,
+              win::ERROR_SERVICE_NOT_ACTIVE);
+    EXPECT_FALSE(fs::exists(ServiceStateStore(dir_ / "run").SocketFile(L"InProc")));
+}
+
+}  // namespace
+}  // namespace qlb::platform

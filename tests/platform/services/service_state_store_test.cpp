@@ -1,0 +1,74 @@
+#include "platform/services/service_state_store.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include <gtest/gtest.h>
+
+namespace qlb::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+class StateStoreTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        dir_ = fs::temp_directory_path() / ("qlb-state-" + std::to_string(::getpid()) + "-" +
+                                            ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::remove_all(dir_);
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+    fs::path dir_;
+};
+
+TEST_F(StateStoreTest, RecordIsReadBackUnderAnyCaseOfTheName) {
+    ServiceStateStore store(dir_);
+    ServiceStateRecord r;
+    r.pid = 1234;
+    r.processStartTime = 99;
+    r.status = SERVICE_STATUS{0x110, 4, 0xC5, 0, 0, 0, 0};
+    ASSERT_TRUE(store.Write(L"QLBMainService", r).ok());
+    const auto got = store.Read(L"qlbmainservice");
+    ASSERT_TRUE(got);
+    EXPECT_EQ(got->pid, 1234);
+    EXPECT_EQ(got->processStartTime, 99u);
+    EXPECT_EQ(got->status.dwCurrentState, 4u);
+    EXPECT_EQ(got->status.dwControlsAccepted, 0xC5u);
+}
+
+TEST_F(StateStoreTest, MalformedRecordReadsAsNone) {
+    ServiceStateStore store(dir_);
+    ASSERT_TRUE(store.EnsureDirectory().ok());
+    std::ofstream(store.StatusFile(L"svc")) << "{\"pid\": \"x\"}";
+    EXPECT_FALSE(store.Read(L"svc"));
+    std::ofstream(store.StatusFile(L"svc")) << "not json";
+    EXPECT_FALSE(store.Read(L"svc"));
+    EXPECT_FALSE(store.Read(L"missing"));
+}
+
+TEST(ProcessLiveness, OwnProcessIsAliveOnlyWithItsStartTime) {
+    ServiceStateRecord r;
+    r.pid = ::getpid();
+    r.processStartTime = ProcessStartTime(::getpid()).value();
+    EXPECT_TRUE(IsRecordProcessAlive(r));
+    // A reused pid shows another start time.
+    r.processStartTime += 1;
+    EXPECT_FALSE(IsRecordProcessAlive(r));
+}
+
+TEST(ProcessLiveness, ExitedProcessIsNotAlive) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::_exit(0);
+    }
+    ASSERT_GT(child, 0);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_FALSE(ProcessStartTime(child));
+    EXPECT_FALSE(ProcessStartTime(0));
+}
+
+}  // namespace
+}  // namespace qlb::platform
