@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+
+#include "runtime/common/machine_profile.h"
+
 #include "runtime/registry/registry_store.h"
 #include "temp_dir.h"
 
@@ -132,6 +136,45 @@ TEST_F(DeRegistryTest, EnumerationListsSubkeysAndValueNames) {
     EXPECT_EQ(reg.EnumValueNames(L"E"), (std::vector<std::wstring>{L"second", L"first"}));
     EXPECT_TRUE(reg.EnumSubkeys(L"Missing").empty());
     EXPECT_EQ(reg.LastError(), win::ERROR_FILE_NOT_FOUND);
+}
+
+// Without a store given, the process opens the one the machine profile names, on first use.
+TEST(DeRegistryDefaultStoreTest, OpensTheMachineProfilesStoreLazily) {
+    qlb::registry::testing::TempDir dir;
+    const auto saved = qlb::MachineProfile::Current();
+    qlb::MachineProfile profile = saved;
+    profile.registry = dir / "var" / "lib" / "registry.db";
+    qlb::MachineProfile::SetCurrent(profile);
+    RegistryStore::SetDefault(nullptr);
+
+    EXPECT_FALSE(std::filesystem::exists(profile.registry));
+    EXPECT_TRUE(Registry::SetValue(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Zorvane", L"v", 5));
+    EXPECT_TRUE(std::filesystem::exists(profile.registry));
+    auto direct = RegistryStore::Open(profile.registry);
+    ASSERT_TRUE(direct);
+    EXPECT_EQ(direct.value->GetValue(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Zorvane", L"v").value.number, 5u);
+
+    RegistryStore::SetDefault(nullptr);
+    qlb::MachineProfile::SetCurrent(saved);
+}
+
+TEST(DeRegistryDefaultStoreTest, UnreadableStoreMakesEveryCallFail) {
+    qlb::registry::testing::TempDir dir;
+    const auto saved = qlb::MachineProfile::Current();
+    qlb::MachineProfile profile = saved;
+    profile.registry = dir / "registry.db";
+    std::ofstream(profile.registry) << "not a registry, and never to be overwritten by one";
+    qlb::MachineProfile::SetCurrent(profile);
+    RegistryStore::SetDefault(nullptr);
+
+    EXPECT_FALSE(Registry::SetValue(HKEY_LOCAL_MACHINE, L"K", L"v", 1));
+    Registry reg;
+    reg.SetRootKey(HKEY_LOCAL_MACHINE);
+    EXPECT_FALSE(reg.CreateKey(L"K"));
+    EXPECT_EQ(reg.LastError(), win::ERROR_BADDB);
+
+    RegistryStore::SetDefault(nullptr);
+    qlb::MachineProfile::SetCurrent(saved);
 }
 
 }  // namespace

@@ -235,6 +235,45 @@ TEST_F(StoreTest, FullDiskFailsTheWriteAndKeepsTheStore) {
     EXPECT_EQ(ReadText(HKEY_LOCAL_MACHINE, L"Before", L"v"), L"after");
 }
 
+TEST_F(StoreTest, KeyRemadeByAnotherConnectionIsNotReadThroughAStaleId) {
+    ASSERT_TRUE(store_->SetValue(HKEY_LOCAL_MACHINE, L"Cached\\Key", RegValue::String(L"v", L"first")));
+    ASSERT_EQ(ReadText(HKEY_LOCAL_MACHINE, L"Cached\\Key", L"v"), L"first");
+    auto other = RegistryStore::Open(store_->File());
+    ASSERT_TRUE(other);
+    ASSERT_TRUE(other.value->DeleteTree(HKEY_LOCAL_MACHINE, L"Cached"));
+    ASSERT_TRUE(other.value->SetValue(HKEY_LOCAL_MACHINE, L"Cached\\Key", RegValue::String(L"v", L"second")));
+    EXPECT_EQ(ReadText(HKEY_LOCAL_MACHINE, L"Cached\\Key", L"v"), L"second");
+    ASSERT_TRUE(other.value->DeleteTree(HKEY_LOCAL_MACHINE, L"Cached"));
+    EXPECT_FALSE(store_->OpenKey(HKEY_LOCAL_MACHINE, L"Cached\\Key"));
+    EXPECT_EQ(store_->SetValue(HKEY_LOCAL_MACHINE, L"Cached\\Key", RegValue::Dword(L"v", 1), false).error,
+              win::ERROR_FILE_NOT_FOUND);
+}
+
+TEST_F(StoreTest, KeysOfAFailedWriteAreNotRemembered) {
+    StoreOptions options;
+    options.maxPageCount = 8;
+    auto capped = RegistryStore::Open(store_->File(), options);
+    ASSERT_TRUE(capped);
+    int failedAt = -1;
+    for (int i = 0; i < 1000; ++i) {
+        const auto status =
+            capped.value->SetValue(HKEY_LOCAL_MACHINE, L"Fill\\" + std::to_wstring(i) + L"\\Deep",
+                                   RegValue::String(L"pad", std::wstring(1500, L'x')));
+        if (!status) {
+            ASSERT_EQ(status.error, win::ERROR_DISK_FULL);
+            failedAt = i;
+            break;
+        }
+    }
+    ASSERT_GE(failedAt, 0);
+    const std::wstring failedKey = L"Fill\\" + std::to_wstring(failedAt) + L"\\Deep";
+    EXPECT_FALSE(capped.value->OpenKey(HKEY_LOCAL_MACHINE, failedKey));
+    // With room again, the same path is made for real and is seen by everyone.
+    ASSERT_TRUE(capped.value->DeleteTree(HKEY_LOCAL_MACHINE, L"Fill\\0"));
+    ASSERT_TRUE(capped.value->SetValue(HKEY_LOCAL_MACHINE, failedKey, RegValue::Dword(L"small", 1)));
+    EXPECT_TRUE(store_->GetValue(HKEY_LOCAL_MACHINE, failedKey, L"small"));
+}
+
 // Files that are not a store.
 class NotAStoreTest : public ::testing::Test {
   protected:
