@@ -218,6 +218,24 @@ TEST_F(HubBadInputTest, ReaderThatFallsBehindIsDroppedWithoutStallingOthers) {
     ExpectHubStillRoutes();
 }
 
+TEST_F(HubBadInputTest, ConnectionsBeyondTheLimitAreToldTheHubIsFull) {
+    HubLimits limits;
+    limits.maxConnections = 2;
+    StartHub(limits);
+    RawPeer first(Socket());
+    RawPeer second(Socket());
+    ASSERT_EQ(first.Join(0x600000), 0);
+    ASSERT_EQ(second.Join(0x610000), 0);
+    RawPeer third(Socket());
+    EXPECT_EQ(third.Join(0x620000), EUSERS);
+    EXPECT_TRUE(third.ClosedByHub());
+    second.Close();
+    ASSERT_TRUE(WaitUntil([&] {
+        RawPeer again(Socket());
+        return again.Join(0x630000) == 0;
+    }));
+}
+
 TEST_F(HubBadInputTest, FramesFromOneConnectionArriveInOrder) {
     StartHub();
     RawPeer receiver(Socket());
