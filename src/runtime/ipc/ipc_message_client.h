@@ -1,7 +1,7 @@
 #pragma once
 // IPCMessageClient: one module's place on the IPC channel.
 //
-// The client connects lazily and keeps trying with a growing pause (up to two seconds) until the hub
+// The client connects lazily and keeps trying with a growing pause (up to half a second) until the hub
 // is there, so it can be built before the hub starts; after a disconnection it joins again with a new
 // HELLO. PostIPCMessage copies the frame before it returns and queues it while the hub is away.
 //
@@ -30,7 +30,7 @@ struct ClientOptions {
     // Callback workers beyond which messages wait for a free one.
     std::size_t maxWorkers = 256;
     std::chrono::milliseconds firstRetryDelay{50};
-    std::chrono::milliseconds maxRetryDelay{2000};
+    std::chrono::milliseconds maxRetryDelay{500};  // short: the service joins soon after its own hub starts
 };
 
 class ClientCore;
