@@ -206,8 +206,7 @@ void ServiceMain(DWORD /*argc*/, wchar_t** /*argv*/) {
         StopServerConfigService();
 
         QLOG_WARN("ServiceMain enter OpensllLock uninit.");
-        // The TLS locks belong to libcurl's OpenSSL, which keeps its own since OpenSSL 1.1: nothing
-        // is left to release here.
+        OpensllLock::GetInstance()->UnInit();
 
         ReportPlainEvent(ServiceEvents::kServiceStopped, "");
         ReportStatus(nullptr, SERVICE_STOPPED, 0, 0);

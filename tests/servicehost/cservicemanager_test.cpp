@@ -1,0 +1,131 @@
+#include "servicehost/cservicemanager.h"
+
+#include <gtest/gtest.h>
+
+#include "test_machine.h"
+
+namespace qlb::servicehost::testing {
+namespace {
+
+class CServiceManagerTest : public ::testing::Test {
+  protected:
+    FakeHost host{"scm"};
+    platform::testing::FakeServiceControlManager& scm = *host.services;
+    CServiceManager manager{scm};
+};
+
+TEST_F(CServiceManagerTest, InstallLeavesAnExistingRegistrationAlone) {
+    scm.AddService(L"QLBMainService", SERVICE_STOPPED, L"/old/path");
+    EXPECT_EQ(manager.Install(L"QLBMainService", L"Display", L"/new/path"), 1);
+    EXPECT_EQ(scm.Get(L"QLBMainService").config.binaryPath, L"/old/path");
+    EXPECT_EQ(scm.CountCalls("CreateService"), 0);
+}
+
+TEST_F(CServiceManagerTest, InstallRegistersTheAutomaticOwnProcessService) {
+    EXPECT_EQ(manager.Install(kMainServiceName, kMainServiceDisplayName, L"/opt/qlb/qlbmainservice"), 1);
+    const auto& config = scm.Get(kMainServiceName).config;
+    EXPECT_EQ(config.binaryPath, L"/opt/qlb/qlbmainservice");
+    EXPECT_EQ(config.displayName, L"ZorVane Assistant Windows Service");
+    EXPECT_EQ(config.serviceType, SERVICE_WIN32_OWN_PROCESS);
+    EXPECT_EQ(config.startType, SERVICE_AUTO_START);
+    EXPECT_EQ(config.errorControl, SERVICE_ERROR_IGNORE);
+}
+
+TEST_F(CServiceManagerTest, InstallReportsSuccessWhenCreationIsRefused) {
+    scm.FailNext("CreateService", win::ERROR_ACCESS_DENIED);
+    EXPECT_EQ(manager.Install(L"Svc", L"Svc", L"/bin/svc"), 1);
+    EXPECT_FALSE(scm.Has(L"Svc"));
+}
+
+TEST_F(CServiceManagerTest, InstallFailsOnlyWhenTheManagerCannotBeOpened) {
+    scm.FailNext("Connect", 0);  // IsInstalled's open succeeds
+    scm.FailNext("Connect", win::ERROR_ACCESS_DENIED);
+    EXPECT_EQ(manager.Install(L"Svc", L"Svc", L"/bin/svc"), 0);
+    EXPECT_EQ(CountLogLines("[CServiceManager::Install]: OpenSCManagerW Error: 5(CServiceManager::Install)"),
+              1);
+}
+
+TEST_F(CServiceManagerTest, UninstallOfAStoppedServiceDeletesWithoutWaiting) {
+    scm.AddService(L"Svc", SERVICE_STOPPED);
+    EXPECT_EQ(manager.Uninstall(L"Svc"), 1);
+    EXPECT_FALSE(scm.Has(L"Svc"));
+    EXPECT_TRUE(host.clock->Sleeps().empty());
+}
+
+TEST_F(CServiceManagerTest, UninstallPollsWhileStopIsPendingThenDeletes) {
+    scm.AddService(L"Svc", SERVICE_RUNNING);
+    scm.QueueQueryStates({SERVICE_STOP_PENDING, SERVICE_STOP_PENDING, SERVICE_STOPPED});
+    EXPECT_EQ(manager.Uninstall(L"Svc"), 1);
+    EXPECT_FALSE(scm.Has(L"Svc"));
+    EXPECT_EQ(host.clock->Sleeps(), (std::vector<DWORD>{1000, 1000, 1000}));
+}
+
+TEST_F(CServiceManagerTest, UninstallKeepsAServiceThatDidNotStop) {
+    scm.AddService(L"Svc", SERVICE_RUNNING);
+    scm.QueueQueryStates({SERVICE_RUNNING});
+    EXPECT_EQ(manager.Uninstall(L"Svc"), 0);
+    EXPECT_TRUE(scm.Has(L"Svc"));
+}
+
+TEST_F(CServiceManagerTest, UninstallWhoseDeleteFailsStillReportsSuccess) {
+    scm.AddService(L"Svc", SERVICE_STOPPED);
+    scm.FailNext("DeleteService", win::ERROR_ACCESS_DENIED);
+    EXPECT_EQ(manager.Uninstall(L"Svc"), 1);
+    EXPECT_EQ(CountLogLines("Service Manager::Uninstall: fail to delete service. error=5"), 1);
+}
+
+TEST_F(CServiceManagerTest, UninstallOfUnknownServiceFails) {
+    EXPECT_EQ(manager.Uninstall(L"Ghost"), 0);
+    EXPECT_GE(CountLogLines(
+                  "Service Manager::Uninstall: fail to Get Scm And SvrHandle.(CServiceManager::Uninstall)"),
+              1);
+}
+
+TEST_F(CServiceManagerTest, StartupStartsOnlyAStoppedService) {
+    scm.AddService(L"Stopped", SERVICE_STOPPED);
+    scm.AddService(L"Running", SERVICE_RUNNING);
+    scm.AddService(L"Pending", SERVICE_START_PENDING);
+    EXPECT_EQ(manager.Startup(L"Stopped"), 1);
+    EXPECT_EQ(manager.Startup(L"Running"), 0);
+    EXPECT_EQ(manager.Startup(L"Pending"), 0);
+    EXPECT_EQ(scm.CountCalls("StartService"), 1);
+}
+
+TEST_F(CServiceManagerTest, StartupFailureIsLoggedAndGivesZero) {
+    scm.AddService(L"Svc", SERVICE_STOPPED);
+    scm.FailNext("StartService", win::ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(manager.Startup(L"Svc"), 0);
+    EXPECT_EQ(CountLogLines("[CServiceManager::Startup]: StartServiceW Error: 2"), 1);
+    EXPECT_EQ(manager.Startup(L"Nope"), 0);
+    EXPECT_GE(CountLogLines("[CServiceManager::Startup]: GetScmAndSvrHandle Error: 1060"), 1);
+}
+
+TEST_F(CServiceManagerTest, StopOfStoppedServiceGivesZeroSilently) {
+    scm.AddService(L"QuietSvc", SERVICE_STOPPED);
+    const auto before = LogLines().size();
+    EXPECT_EQ(manager.Stop(L"QuietSvc"), 0);
+    EXPECT_EQ(LogLines().size(), before);
+    EXPECT_EQ(scm.CountCalls("ControlService"), 0);
+}
+
+TEST_F(CServiceManagerTest, StopSendsTheStopControlAndDoesNotWait) {
+    scm.AddService(L"Svc", SERVICE_RUNNING);
+    EXPECT_EQ(manager.Stop(L"Svc"), 1);
+    EXPECT_EQ(scm.lastControl.control, SERVICE_CONTROL_STOP);
+    EXPECT_TRUE(host.clock->Sleeps().empty());
+    scm.FailNext("ControlService", win::ERROR_INVALID_SERVICE_CONTROL);
+    EXPECT_EQ(manager.Stop(L"Svc"), 0);
+    EXPECT_EQ(CountLogLines("Service Manager::Stop: fail to Control Service. error=1052"), 1);
+}
+
+TEST_F(CServiceManagerTest, GetServiceStateOfUnknownServiceIsAllOnes) {
+    EXPECT_EQ(manager.GetServiceState(L"Unknown"), 0xFFFFFFFFul);
+    scm.AddService(L"Svc", SERVICE_RUNNING);
+    EXPECT_EQ(manager.GetServiceState(L"Svc"), static_cast<unsigned long>(SERVICE_RUNNING));
+    scm.FailNext("QueryServiceStatus", win::ERROR_ACCESS_DENIED);
+    EXPECT_EQ(manager.GetServiceState(L"Svc"), 0xFFFFFFFFul);
+    EXPECT_EQ(CountLogLines("[CServiceManager::GetServiceState]: QueryServiceStatus Error: 5"), 1);
+}
+
+}  // namespace
+}  // namespace qlb::servicehost::testing

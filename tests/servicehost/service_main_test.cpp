@@ -1,0 +1,291 @@
+#include "servicehost/cservicemain.h"
+
+#include <atomic>
+#include <future>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "platform/services/service_dispatcher.h"
+#include "runtime/common/program_dir.h"
+#include "servicehost/cservicemanager.h"
+#include "servicehost/power_events.h"
+#include "servicehost/service_stages.h"
+#include "test_machine.h"
+
+namespace qlb::servicehost::testing {
+namespace {
+
+using platform::ControlRequest;
+using platform::testing::FakeServiceProcessHost;
+
+std::vector<unsigned char> ReadBytes(const fs::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    return std::vector<unsigned char>(std::istreambuf_iterator<char>(in), {});
+}
+
+// A ServiceMain that only registers the real control handler and holds the dispatcher open, so the
+// handler and ReportStatus can be driven one control at a time.
+std::atomic<bool> g_releaseHolder{false};
+
+void HoldingServiceMain(DWORD, wchar_t**) {
+    g_hServiceStatus = RegisterServiceCtrlHandlerExW(kMainServiceName, ServiceCtrlHandler, nullptr).value;
+    ReportStatus(nullptr, SERVICE_RUNNING, 0, 0);
+    while (!g_releaseHolder) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ReportStatus(nullptr, SERVICE_STOPPED, 0, 0);
+}
+
+class ControlHandlerTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        fs::remove(MachineRoot() / "WDT0001");
+        qlb::servicehost::ResetCheckPointForTest();
+        InitServiceStatus();
+        g_releaseHolder = false;
+        g_hStopEvent = &stopEvent_;
+        auto fake = std::make_unique<FakeServiceProcessHost>();
+        hostProcess_ = fake.get();
+        platform::SetServiceProcessHost(std::move(fake));
+        dispatcher_ = std::thread([] {
+            const SERVICE_TABLE_ENTRYW table[] = {{kMainServiceName, HoldingServiceMain}, {nullptr, nullptr}};
+            (void)StartServiceCtrlDispatcherW(table);
+        });
+        ASSERT_TRUE(
+            hostProcess_->WaitForStatus([](const SERVICE_STATUS& s) { return s.dwCurrentState == 4; }));
+    }
+    void TearDown() override {
+        g_releaseHolder = true;
+        dispatcher_.join();
+        g_hStopEvent = nullptr;
+    }
+    SysResult<SERVICE_STATUS> Send(DWORD control, DWORD eventType = 0, DWORD session = 0) {
+        return hostProcess_->Send(ControlRequest{control, eventType, session}).get();
+    }
+    SERVICE_STATUS Last() {
+        const auto statuses = hostProcess_->Statuses();
+        return statuses.empty() ? SERVICE_STATUS{} : statuses.back();
+    }
+
+    FakeHost host_{"handler"};
+    platform::ManualResetEvent stopEvent_;
+    FakeServiceProcessHost* hostProcess_ = nullptr;
+    std::thread dispatcher_;
+};
+
+TEST_F(ControlHandlerTest, ReportStatusMasksStopWhileStartIsPendingAndCountsCheckPoints) {
+    ReportStatus(nullptr, SERVICE_START_PENDING, 77, 3000);
+    auto s = Last();
+    EXPECT_EQ(s.dwServiceType, 0x110u);
+    EXPECT_EQ(s.dwControlsAccepted, 0xC4u);
+    EXPECT_EQ(s.dwCheckPoint, 1u);
+    EXPECT_EQ(s.dwWaitHint, 3000u);
+    EXPECT_EQ(s.dwWin32ExitCode, 0u);  // the exit code argument is ignored
+    ReportStatus(nullptr, SERVICE_START_PENDING, 0, 3000);
+    EXPECT_EQ(Last().dwCheckPoint, 2u);
+    ReportStatus(nullptr, SERVICE_RUNNING, 0, 0);
+    EXPECT_EQ(Last().dwControlsAccepted, 0xC5u);
+    EXPECT_EQ(Last().dwCheckPoint, 0u);
+    // The counter is never reset: the next pending report goes on from where it was.
+    ReportStatus(nullptr, SERVICE_STOP_PENDING, 0, 3000);
+    EXPECT_EQ(Last().dwCheckPoint, 3u);
+    EXPECT_EQ(Last().dwControlsAccepted, 0xC5u);
+}
+
+TEST_F(ControlHandlerTest, FailedStatusReportIsLogged) {
+    hostProcess_->setStatusError = win::ERROR_ACCESS_DENIED;
+    ReportStatus(nullptr, SERVICE_RUNNING, 0, 0);
+    hostProcess_->setStatusError = 0;
+    EXPECT_GE(CountLogLines("set service status failed, error code=5(ReportStatus)"), 1);
+}
+
+TEST_F(ControlHandlerTest, LockRecordsTheSessionAndRepeatsTheRunningState) {
+    ReportStatus(nullptr, SERVICE_RUNNING, 0, 1234);
+    const auto reply = Send(SERVICE_CONTROL_SESSIONCHANGE, WTS_SESSION_LOCK, 4);
+    ASSERT_TRUE(reply.ok());
+    EXPECT_EQ(g_LastSessionId, 4u);
+    const auto s = Last();
+    EXPECT_EQ(s.dwCurrentState, 4u);
+    EXPECT_EQ(s.dwCheckPoint, 0u);
+    EXPECT_EQ(s.dwWaitHint, 0u);
+    EXPECT_TRUE(Send(SERVICE_CONTROL_SESSIONCHANGE, WTS_SESSION_LOGOFF, 6).ok());
+    EXPECT_EQ(g_LastSessionId, 6u);
+    // A logon is no disconnect: the last session stays.
+    EXPECT_TRUE(Send(SERVICE_CONTROL_SESSIONCHANGE, WTS_SESSION_LOGON, 8).ok());
+    EXPECT_EQ(g_LastSessionId, 6u);
+}
+
+TEST_F(ControlHandlerTest, SuspendTellsTheWatchdogAndResumeDoesNot) {
+    std::ofstream(MachineRoot() / "WDT0001").close();
+    EXPECT_TRUE(Send(SERVICE_CONTROL_POWEREVENT, PBT_APMRESUMESUSPEND).ok());
+    EXPECT_TRUE(ReadBytes(MachineRoot() / "WDT0001").empty());
+    EXPECT_TRUE(Send(SERVICE_CONTROL_POWEREVENT, PBT_APMSUSPEND).ok());
+    const auto bytes = ReadBytes(MachineRoot() / "WDT0001");
+    ASSERT_EQ(bytes.size(), 24u);
+    EXPECT_EQ(bytes[0], 6);
+    EXPECT_EQ(Last().dwCurrentState, 4u);
+}
+
+TEST_F(ControlHandlerTest, MissingWatchdogIsOneLogLinePerEvent) {
+    const std::string line =
+        "CreateFile " + (MachineRoot() / "WDT0001").string() + " failed with code 2. return";
+    const int before = CountLogLines(line);
+    EXPECT_TRUE(Send(SERVICE_CONTROL_POWEREVENT, PBT_APMSUSPEND).ok());
+    EXPECT_TRUE(Send(SERVICE_CONTROL_POWEREVENT, PBT_APMSUSPEND).ok());
+    EXPECT_EQ(CountLogLines(line), before + 2);
+}
+
+TEST_F(ControlHandlerTest, ShutdownTellsTheWatchdogAndLeavesTheServiceRunning) {
+    std::ofstream(MachineRoot() / "WDT0001").close();
+    const auto reply = Send(SERVICE_CONTROL_SHUTDOWN);
+    ASSERT_TRUE(reply.ok());
+    const auto bytes = ReadBytes(MachineRoot() / "WDT0001");
+    ASSERT_EQ(bytes.size(), 24u);
+    EXPECT_EQ(bytes[0], 5);
+    EXPECT_FALSE(stopEvent_.IsSet());
+    EXPECT_EQ(Last().dwCurrentState, 4u);
+}
+
+TEST_F(ControlHandlerTest, StopReportsPendingWithHintThenAgainWithNextCheckPointAndSetsTheEvent) {
+    const auto before = hostProcess_->Statuses().size();
+    const auto reply = Send(SERVICE_CONTROL_STOP);
+    ASSERT_TRUE(reply.ok());
+    EXPECT_TRUE(stopEvent_.IsSet());
+    const auto statuses = hostProcess_->Statuses();
+    ASSERT_EQ(statuses.size(), before + 2);
+    EXPECT_EQ(statuses[before].dwCurrentState, 3u);
+    EXPECT_EQ(statuses[before].dwWaitHint, 3000u);
+    EXPECT_EQ(statuses[before + 1].dwCurrentState, 3u);
+    EXPECT_EQ(statuses[before + 1].dwWaitHint, 0u);
+    EXPECT_EQ(statuses[before + 1].dwCheckPoint, statuses[before].dwCheckPoint + 1);
+}
+
+TEST_F(ControlHandlerTest, StopDuringStartPendingNeverReachesTheHandler) {
+    ReportStatus(nullptr, SERVICE_START_PENDING, 0, 3000);
+    const auto reply = Send(SERVICE_CONTROL_STOP);
+    EXPECT_EQ(reply.error, win::ERROR_INVALID_SERVICE_CONTROL);
+    EXPECT_FALSE(stopEvent_.IsSet());
+    // Session changes still arrive while pending.
+    EXPECT_TRUE(Send(SERVICE_CONTROL_SESSIONCHANGE, WTS_SESSION_LOCK, 2).ok());
+}
+
+TEST(PowerEvents, RequestIsTwentyFourBytesWithTheCodeFirst) {
+    const fs::path device = MachineRoot() / "wdt-direct";
+    std::ofstream(device).close();
+    SentPowerEventToDevice(device, 6);
+    const auto bytes = ReadBytes(device);
+    ASSERT_EQ(bytes.size(), kWdtRequestSize);
+    EXPECT_EQ(bytes[0], 6);
+}
+
+// --- the whole life of the service, through the dispatcher, on fakes ---
+
+TEST(ServiceLife, StartDailyRoundsAndStopInOrder) {
+    FakeHost host("life");
+    host.clock->timeoutsLeft = 2;  // two 24-hour rounds pass before the stop
+    host.services->AddService(kLcdServiceName, SERVICE_STOPPED);
+    qlb::servicehost::ResetCheckPointForTest();
+    InitServiceStatus();
+    auto fake = std::make_unique<FakeServiceProcessHost>();
+    auto* process = fake.get();
+    platform::SetServiceProcessHost(std::move(fake));
+    const auto dailyBefore = SpoolRecordsOf("619000001").size();
+    const auto stoppedBefore = SpoolRecordsOf("619000005").size();
+
+    SysStatus dispatched = SysStatus::Fail(1);
+    std::thread dispatcher([&] {
+        const SERVICE_TABLE_ENTRYW table[] = {{kMainServiceName, ServiceMain}, {nullptr, nullptr}};
+        dispatched = StartServiceCtrlDispatcherW(table);
+    });
+    if (!process->WaitForStatus([](const SERVICE_STATUS& s) { return s.dwCurrentState == 4; })) {
+        ADD_FAILURE() << "the service never reported running";
+        g_hStopEvent->Set();
+        dispatcher.join();
+        return;
+    }
+    // The loop's mutex is the sign that the service is up.
+    ASSERT_TRUE(Eventually([&] { return host.mutexes->Exists(kServiceMutexName); }));
+    ASSERT_TRUE(Eventually([&] { return host.clock->Waits().size() == 3; }));
+    EXPECT_EQ(host.clock->Waits(), (std::vector<DWORD>{86400000, 86400000, 86400000}));
+    EXPECT_EQ(SpoolRecordsOf("619000001").size(), dailyBefore + 3);
+    // LCD_Service was stopped, so the start-up started it.
+    EXPECT_EQ(host.services->Get(kLcdServiceName).status.dwCurrentState, SERVICE_START_PENDING);
+
+    const auto reply = process->Send(ControlRequest{SERVICE_CONTROL_STOP, 0, 0}).get();
+    ASSERT_TRUE(reply.ok());
+    dispatcher.join();
+    EXPECT_TRUE(dispatched.ok());
+    EXPECT_FALSE(host.mutexes->Exists(kServiceMutexName));
+
+    const auto statuses = process->Statuses();
+    ASSERT_GE(statuses.size(), 4u);
+    EXPECT_EQ(statuses.front().dwCurrentState, 2u);
+    EXPECT_EQ(statuses.front().dwWaitHint, 3000u);
+    EXPECT_EQ(statuses.front().dwControlsAccepted, 0xC4u);
+    EXPECT_EQ(statuses.front().dwCheckPoint, 1u);
+    EXPECT_EQ(statuses[1].dwCurrentState, 4u);
+    EXPECT_EQ(statuses.back().dwCurrentState, 1u);
+    EXPECT_EQ(SpoolRecordsOf("619000005").size(), stoppedBefore + 1);
+    const auto power = SpoolRecordsOf("607006001");
+    ASSERT_FALSE(power.empty());
+    EXPECT_EQ(power.back()["infoText"], "1");
+    const auto bios = SpoolRecordsOf("607001005");
+    ASSERT_FALSE(bios.empty());
+    EXPECT_EQ(bios.back()["infoText"], "03/15/2024");
+    EXPECT_GE(CountLogLines("ServiceMain enter.(ServiceMain)"), 1);
+    EXPECT_GE(CountLogLines("ServiceMain loop exit.(ServiceMain)"), 1);
+    EXPECT_GE(CountLogLines("ServiceMain Enter ReportStatus.(PrepareService)"), 1);
+}
+
+TEST(ServiceLife, FailedStartUpStaysPendingWithStopMaskedUntilTheEventIsSet) {
+    FakeHost host("life-fail");
+    const fs::path cfg = ProgramDir() / "config" / "plugincfg.xml";
+    const fs::path aside = cfg.string() + ".aside";
+    fs::rename(cfg, aside);
+    qlb::servicehost::ResetCheckPointForTest();
+    InitServiceStatus();
+    auto fake = std::make_unique<FakeServiceProcessHost>();
+    auto* process = fake.get();
+    platform::SetServiceProcessHost(std::move(fake));
+    std::thread dispatcher([] {
+        const SERVICE_TABLE_ENTRYW table[] = {{kMainServiceName, ServiceMain}, {nullptr, nullptr}};
+        (void)StartServiceCtrlDispatcherW(table);
+    });
+    // The daily loop runs although the start-up failed.
+    const bool looping = Eventually([&] { return host.clock->Waits().size() == 1; });
+    fs::rename(aside, cfg);
+    if (looping) {
+        EXPECT_EQ(process->Statuses().back().dwCurrentState, 2u);
+        EXPECT_EQ(process->Send(ControlRequest{SERVICE_CONTROL_STOP, 0, 0}).get().error,
+                  win::ERROR_INVALID_SERVICE_CONTROL);
+        EXPECT_GE(CountLogLines("Service Main: fail to Init Service.(PrepareService)"), 1);
+    }
+    EXPECT_TRUE(looping) << "the daily loop never started";
+    ASSERT_TRUE(g_hStopEvent);
+    g_hStopEvent->Set();
+    dispatcher.join();
+    EXPECT_EQ(process->Statuses().back().dwCurrentState, 1u);
+}
+
+TEST(ServiceLife, DispatcherWithoutAManagerFailsWith1063) {
+    auto fake = std::make_unique<FakeServiceProcessHost>();
+    fake->attachError = win::ERROR_FAILED_SERVICE_CONTROLLER_CONNECT;
+    platform::SetServiceProcessHost(std::move(fake));
+    const SERVICE_TABLE_ENTRYW table[] = {{kMainServiceName, ServiceMain}, {nullptr, nullptr}};
+    EXPECT_EQ(StartServiceCtrlDispatcherW(table).error, win::ERROR_FAILED_SERVICE_CONTROLLER_CONNECT);
+}
+
+TEST(ServiceLoop, ExistingMutexIsJoinedAndAFailedWaitEndsTheLoop) {
+    FakeHost host("loop");
+    auto held = host.mutexes->Create(kServiceMutexName);
+    ASSERT_TRUE(held.ok());
+    g_hStopEvent = nullptr;  // the wait on a missing event fails at once
+    ServiceMainLoop();
+    EXPECT_EQ(host.clock->Waits().size(), 1u);
+    EXPECT_FALSE(g_hServiceMutex);
+    EXPECT_TRUE(host.mutexes->Exists(kServiceMutexName));  // someone else's handle still holds it
+}
+
+}  // namespace
+}  // namespace qlb::servicehost::testing
