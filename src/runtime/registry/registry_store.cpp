@@ -361,6 +361,11 @@ SysResult<std::shared_ptr<RegistryStore>> RegistryStore::Default() {
     if (def.store && (def.injected || def.owner == getpid())) {
         return Result::Ok(def.store);
     }
+    if (def.store) {
+        // The parent's connection is neither used nor closed here: closing it would touch the parent's
+        // locks and shared memory. It is left behind on purpose.
+        new std::shared_ptr<RegistryStore>(std::move(def.store));
+    }
     auto opened = Open(qlb::MachineProfile::Current().registry);
     if (!opened) {
         return opened;

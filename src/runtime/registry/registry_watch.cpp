@@ -48,6 +48,15 @@ SysResult<std::unique_ptr<RegistryWatch>> RegistryWatch::Create(std::shared_ptr<
     return Result::Ok(std::move(watch));
 }
 
+SysResult<std::unique_ptr<RegistryWatch>> RegistryWatch::Create(HKEY root, std::wstring key,
+                                                                bool watchSubtree) {
+    auto store = RegistryStore::Default();
+    if (!store) {
+        return SysResult<std::unique_ptr<RegistryWatch>>::Fail(store.error);
+    }
+    return Create(std::move(store.value), root, std::move(key), watchSubtree);
+}
+
 SysStatus RegistryWatch::OpenWakeups() {
     cancelFd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (cancelFd_ < 0) {

@@ -28,6 +28,8 @@ class RegistryWatch {
     // armed when it is returned.
     static SysResult<std::unique_ptr<RegistryWatch>> Create(std::shared_ptr<RegistryStore> store, HKEY root,
                                                             std::wstring key, bool watchSubtree);
+    // The same on the process's store (RegistryStore::Default()).
+    static SysResult<std::unique_ptr<RegistryWatch>> Create(HKEY root, std::wstring key, bool watchSubtree);
     ~RegistryWatch();
     RegistryWatch(const RegistryWatch&) = delete;
     RegistryWatch& operator=(const RegistryWatch&) = delete;

@@ -5,10 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <thread>
 
 #include "runtime/common/machine_profile.h"
 
 #include "runtime/registry/registry_store.h"
+#include "runtime/registry/registry_watch.h"
 #include "temp_dir.h"
 
 namespace DE {
@@ -136,6 +138,39 @@ TEST_F(DeRegistryTest, EnumerationListsSubkeysAndValueNames) {
     EXPECT_EQ(reg.EnumValueNames(L"E"), (std::vector<std::wstring>{L"second", L"first"}));
     EXPECT_TRUE(reg.EnumSubkeys(L"Missing").empty());
     EXPECT_EQ(reg.LastError(), win::ERROR_FILE_NOT_FOUND);
+}
+
+TEST_F(DeRegistryTest, ThreadsOfOneProcessShareTheStoreSafely) {
+    constexpr int kThreads = 4;
+    constexpr int kValues = 100;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t] {
+            const std::wstring key = L"Threads\\t" + std::to_wstring(t);
+            for (int i = 0; i < kValues; ++i) {
+                Registry::SetValue(HKEY_LOCAL_MACHINE, key, L"v" + std::to_wstring(i), i);
+                DWORD back = 0;
+                Registry::GetValue(HKEY_LOCAL_MACHINE, key, L"v" + std::to_wstring(i), back);
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    Registry reg;
+    reg.SetRootKey(HKEY_LOCAL_MACHINE);
+    for (int t = 0; t < kThreads; ++t) {
+        EXPECT_EQ(reg.EnumValueNames(L"Threads\\t" + std::to_wstring(t)).size(),
+                  static_cast<std::size_t>(kValues));
+    }
+}
+
+TEST_F(DeRegistryTest, WatchOnTheProcessStoreSeesStaticWrites) {
+    ASSERT_TRUE(Registry::SetValue(HKEY_LOCAL_MACHINE, L"SYSTEM\\Svc", L"Start", 2));
+    auto watch = qlb::registry::RegistryWatch::Create(HKEY_LOCAL_MACHINE, L"SYSTEM\\Svc", true);
+    ASSERT_TRUE(watch);
+    ASSERT_TRUE(Registry::SetValue(HKEY_LOCAL_MACHINE, L"SYSTEM\\Svc", L"Start", 4));
+    EXPECT_EQ(watch.value->WaitForChange(20000), qlb::registry::RegistryWatch::WaitResult::Changed);
 }
 
 // Without a store given, the process opens the one the machine profile names, on first use.
