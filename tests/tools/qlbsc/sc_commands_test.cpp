@@ -1,0 +1,184 @@
+#include "tools/qlbsc/sc_commands.h"
+
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "platform/services/testing/fake_service_control.h"
+
+namespace qlb::sc {
+namespace {
+
+using platform::testing::FakeServiceControlManager;
+
+struct Outcome {
+    int code;
+    std::string text;
+};
+
+Outcome RunSc(FakeServiceControlManager& scm, std::vector<std::string> args) {
+    std::ostringstream out;
+    const int code = Run(args, scm, out);
+    return {code, out.str()};
+}
+
+TEST(QlbscQuery, RunningServiceInTheConsoleToolsLayout) {
+    FakeServiceControlManager scm;
+    scm.AddService(L"QLBMainService", SERVICE_RUNNING);
+    const auto r = RunSc(scm, {"query", "QLBMainService"});
+    EXPECT_EQ(r.code, 0);
+    EXPECT_EQ(r.text,
+              "\nSERVICE_NAME: QLBMainService\n"
+              "        TYPE               : 10  WIN32_OWN_PROCESS\n"
+              "        STATE              : 4  RUNNING\n"
+              "                                (STOPPABLE, NOT_PAUSABLE, ACCEPTS_SHUTDOWN)\n"
+              "        WIN32_EXIT_CODE    : 0  (0x0)\n"
+              "        SERVICE_EXIT_CODE  : 0  (0x0)\n"
+              "        CHECKPOINT         : 0x0\n"
+              "        WAIT_HINT          : 0x0\n");
+}
+
+TEST(QlbscQuery, StatusBlockNamesEveryStateAndTheInteractiveType) {
+    SERVICE_STATUS s{0x110, SERVICE_STOP_PENDING, 0xC4, 1067, 0, 3, 3000};
+    const std::string text = FormatStatus(L"Svc", s);
+    EXPECT_NE(text.find("TYPE               : 110  WIN32_OWN_PROCESS  (interactive)"), std::string::npos);
+    EXPECT_NE(text.find("STATE              : 3  STOP_PENDING"), std::string::npos);
+    EXPECT_NE(text.find("(NOT_STOPPABLE, NOT_PAUSABLE, ACCEPTS_SHUTDOWN)"), std::string::npos);
+    EXPECT_NE(text.find("WIN32_EXIT_CODE    : 1067  (0x42b)"), std::string::npos);
+    EXPECT_NE(text.find("CHECKPOINT         : 0x3"), std::string::npos);
+    EXPECT_NE(text.find("WAIT_HINT          : 0xbb8"), std::string::npos);
+    EXPECT_EQ(StateName(SERVICE_START_PENDING), "START_PENDING");
+    EXPECT_EQ(StateName(SERVICE_STOPPED), "STOPPED");
+    EXPECT_EQ(StateName(SERVICE_PAUSED), "PAUSED");
+}
+
+TEST(QlbscFailures, UnknownServiceGivesTheOpenServiceTextAndStatusOne) {
+    FakeServiceControlManager scm;
+    for (const char* verb : {"query", "qc", "start", "stop", "delete"}) {
+        const auto r = RunSc(scm, {verb, "Nope"});
+        EXPECT_EQ(r.code, 1) << verb;
+        EXPECT_EQ(r.text,
+                  "[SC] OpenService FAILED 1060:\n\n"
+                  "The specified service does not exist as an installed service.\n\n")
+            << verb;
+    }
+}
+
+TEST(QlbscFailures, ControlOfAStoppedServiceIs1062) {
+    FakeServiceControlManager scm;
+    scm.AddService(L"Svc", SERVICE_STOPPED);
+    const auto r = RunSc(scm, {"stop", "Svc"});
+    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(r.text, "[SC] ControlService FAILED 1062:\n\nThe service has not been started.\n\n");
+}
+
+TEST(QlbscFailures, RefusedControlIs1052) {
+    FakeServiceControlManager scm;
+    scm.AddService(L"Svc", SERVICE_RUNNING);
+    scm.FailNext("ControlService", 1052);
+    const auto r = RunSc(scm, {"control", "Svc", "shutdown"});
+    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(r.text.rfind("[SC] ControlService FAILED 1052:\n\n", 0), 0u);
+}
+
+TEST(QlbscFailures, StartOfARunningServiceIs1056) {
+    FakeServiceControlManager scm;
+    scm.AddService(L"Svc", SERVICE_RUNNING);
+    const auto r = RunSc(scm, {"start", "Svc"});
+    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(r.text, "[SC] StartService FAILED 1056:\n\nAn instance of the service is already running.\n\n");
+}
+
+TEST(QlbscCreate, RegistersWithOptionsAndRefusesADuplicate) {
+    FakeServiceControlManager scm;
+    auto r =
+        RunSc(scm, {"create", "Svc", "binPath=", "/opt/svc", "start=", "auto", "DisplayName=", "My Svc"});
+    EXPECT_EQ(r.code, 0);
+    EXPECT_EQ(r.text, "[SC] CreateService SUCCESS\n");
+    const auto& c = scm.Get(L"Svc").config;
+    EXPECT_EQ(c.binaryPath, L"/opt/svc");
+    EXPECT_EQ(c.startType, SERVICE_AUTO_START);
+    EXPECT_EQ(c.displayName, L"My Svc");
+    r = RunSc(scm, {"create", "Svc", "binPath=", "/opt/svc"});
+    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(r.text.rfind("[SC] CreateService FAILED 1073:", 0), 0u);
+}
+
+TEST(QlbscCreate, DefaultsToDemandStartAndNeedsABinary) {
+    FakeServiceControlManager scm;
+    EXPECT_EQ(RunSc(scm, {"create", "Svc", "binPath=", "/x"}).code, 0);
+    EXPECT_EQ(scm.Get(L"Svc").config.startType, SERVICE_DEMAND_START);
+    EXPECT_EQ(RunSc(scm, {"create", "Other", "start=", "auto"}).code, 1);
+    EXPECT_EQ(RunSc(scm, {"create", "Other", "binPath="}).code, 1);
+    EXPECT_EQ(RunSc(scm, {"create", "Other", "binPath=", "/x", "start=", "sometimes"}).code, 1);
+    EXPECT_FALSE(scm.Has(L"Other"));
+}
+
+TEST(QlbscConfig, ChangesTheStartType) {
+    FakeServiceControlManager scm;
+    scm.AddService(L"Svc", SERVICE_STOPPED);
+    const auto r = RunSc(scm, {"config", "Svc", "start=", "disabled"});
+    EXPECT_EQ(r.code, 0);
+    EXPECT_EQ(r.text, "[SC] ChangeServiceConfig SUCCESS\n");
+    EXPECT_EQ(scm.Get(L"Svc").config.startType, SERVICE_DISABLED);
+    EXPECT_EQ(RunSc(scm, {"config", "Svc", "type=", "own"}).code, 1);
+}
+
+TEST(QlbscQc, PrintsTheRegistration) {
+    FakeServiceControlManager scm;
+    scm.AddService(L"Svc", SERVICE_STOPPED, L"/opt/svc");
+    const auto r = RunSc(scm, {"qc", "Svc"});
+    EXPECT_EQ(r.code, 0);
+    EXPECT_EQ(r.text.rfind("[SC] QueryServiceConfig SUCCESS\n\nSERVICE_NAME: Svc\n", 0), 0u);
+    EXPECT_NE(r.text.find("        BINARY_PATH_NAME   : /opt/svc\n"), std::string::npos);
+    EXPECT_NE(r.text.find("        START_TYPE         : 2   AUTO_START\n"), std::string::npos);
+}
+
+TEST(QlbscControl, PowerAndSessionEventsCarryTheirTypeAndSession) {
+    FakeServiceControlManager scm;
+    scm.AddService(L"Svc", SERVICE_RUNNING);
+    EXPECT_EQ(RunSc(scm, {"control", "Svc", "powerevent", "suspend"}).code, 0);
+    EXPECT_EQ(scm.lastControl.control, SERVICE_CONTROL_POWEREVENT);
+    EXPECT_EQ(scm.lastControl.eventType, PBT_APMSUSPEND);
+    EXPECT_EQ(RunSc(scm, {"control", "Svc", "sessionchange", "unlock", "3"}).code, 0);
+    EXPECT_EQ(scm.lastControl.control, SERVICE_CONTROL_SESSIONCHANGE);
+    EXPECT_EQ(scm.lastControl.eventType, WTS_SESSION_UNLOCK);
+    EXPECT_EQ(scm.lastControl.sessionId, 3u);
+    EXPECT_EQ(RunSc(scm, {"control", "Svc", "sessionchange", "0x7", "0x10"}).code, 0);
+    EXPECT_EQ(scm.lastControl.eventType, WTS_SESSION_LOCK);
+    EXPECT_EQ(scm.lastControl.sessionId, 16u);
+    EXPECT_EQ(RunSc(scm, {"control", "Svc", "200"}).code, 0);
+    EXPECT_EQ(scm.lastControl.control, 200u);
+}
+
+TEST(QlbscControl, MalformedArgumentsFailWithoutSending) {
+    FakeServiceControlManager scm;
+    scm.AddService(L"Svc", SERVICE_RUNNING);
+    EXPECT_EQ(RunSc(scm, {"control", "Svc", "sessionchange", "logon"}).code, 1);
+    EXPECT_EQ(RunSc(scm, {"control", "Svc", "sessionchange", "logon", "x"}).code, 1);
+    EXPECT_EQ(RunSc(scm, {"control", "Svc", "powerevent"}).code, 1);
+    EXPECT_EQ(RunSc(scm, {"control", "Svc", "twelve"}).code, 1);
+    EXPECT_EQ(scm.CountCalls("ControlService"), 0);
+}
+
+TEST(QlbscUsage, NoVerbOrUnknownVerbIsStatusOne) {
+    FakeServiceControlManager scm;
+    EXPECT_EQ(RunSc(scm, {}).code, 1);
+    EXPECT_EQ(RunSc(scm, {"frobnicate", "Svc"}).code, 1);
+    EXPECT_EQ(RunSc(scm, {"query"}).code, 1);
+    EXPECT_EQ(RunSc(scm, {"query", "a", "b"}).code, 1);
+}
+
+TEST(QlbscParse, NumbersAndNames) {
+    EXPECT_EQ(ParseNumber("0x12"), 0x12u);
+    EXPECT_EQ(ParseNumber("18"), 18u);
+    EXPECT_FALSE(ParseNumber(""));
+    EXPECT_FALSE(ParseNumber("0x"));
+    EXPECT_FALSE(ParseNumber("12a"));
+    EXPECT_FALSE(ParseNumber("99999999999"));
+    EXPECT_EQ(ParsePowerEventType("ResumeAutomatic"), 0x12u);
+    EXPECT_EQ(ParseSessionEventType("console_disconnect"), 2u);
+}
+
+}  // namespace
+}  // namespace qlb::sc
