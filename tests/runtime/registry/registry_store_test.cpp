@@ -323,6 +323,25 @@ TEST_F(NotAStoreTest, OtherDatabaseIsRefusedAndLeftAlone) {
     EXPECT_EQ(Contents(file), changed);
 }
 
+TEST_F(NotAStoreTest, DamagedStoreIsRefusedAndNotMadeWorse) {
+    const auto file = dir_ / "registry.db";
+    {
+        auto store = RegistryStore::Open(file);
+        ASSERT_TRUE(store);
+        ASSERT_TRUE(store.value->SetValue(HKEY_LOCAL_MACHINE, L"K", RegValue::Dword(L"v", 1)));
+    }
+    // Keep the header, scramble the schema page behind it.
+    std::string damaged = Contents(file);
+    ASSERT_GT(damaged.size(), 4096u);
+    for (std::size_t i = 100; i < 4096; ++i) {
+        damaged[i] = static_cast<char>(0xA5 ^ (i * 31));
+    }
+    std::ofstream(file, std::ios::binary | std::ios::trunc) << damaged;
+
+    EXPECT_EQ(RegistryStore::Open(file).error, win::ERROR_BADDB);
+    EXPECT_EQ(Contents(file), damaged);
+}
+
 TEST_F(NotAStoreTest, DirectoryIsRefused) {
     std::filesystem::create_directories(dir_ / "registry.db");
     EXPECT_EQ(RegistryStore::Open(dir_ / "registry.db").error, win::ERROR_BADDB);
