@@ -86,7 +86,14 @@ CallbackPool::CallbackPool(std::size_t maxWorkers, std::chrono::milliseconds idl
 }
 
 CallbackPool::~CallbackPool() {
+    Shutdown();
+}
+
+void CallbackPool::Shutdown() {
     std::unique_lock<std::mutex> lock(state_->mutex);
+    if (state_->stopping) {
+        return;
+    }
     state_->stopping = true;
     state_->tasks.clear();
     state_->wake.notify_all();

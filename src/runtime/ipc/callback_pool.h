@@ -20,6 +20,10 @@ class CallbackPool {
     CallbackPool(const CallbackPool&) = delete;
     CallbackPool& operator=(const CallbackPool&) = delete;
 
+    // Drops the messages still waiting and lets running callbacks finish, as the destructor does; later
+    // submissions are dropped. Safe to call more than once.
+    void Shutdown();
+
     // `task` runs on a worker; an exception it lets out is logged with `label` and swallowed.
     void Submit(std::function<void()> task, int label);
 

@@ -54,14 +54,29 @@ class ClientCore {
     }
 
     ~ClientCore() {
+        Shutdown();
+        ::close(epollFd_);
+        ::close(wakeFd_);
+    }
+
+    // Leaves the channel and lets running callbacks finish. The core stays usable meanwhile: a
+    // callback that posts during the shutdown is refused, not crashed.
+    void Shutdown() {
         stopping_ = true;
         Wake();
         if (thread_.joinable()) {
             thread_.join();
         }
         CloseSocket();
-        ::close(epollFd_);
-        ::close(wakeFd_);
+        {
+            std::lock_guard<std::mutex> lock(sendMutex_);
+            state_ = LinkState::kClosed;
+            outFrames_.clear();
+            queuedBytes_ = 0;
+            joinedCv_.notify_all();
+            idleCv_.notify_all();
+        }
+        pool_.Shutdown();
     }
 
     bool Post(const TagIPCMessageItem& item) {
@@ -446,8 +461,9 @@ IPCMessageClient::IPCMessageClient(int moduleId, const std::filesystem::path& so
                                    ClientOptions options)
     : core_(std::make_unique<ClientCore>(*this, moduleId, socketPath, options)) {}
 
+// The core outlives its shutdown, so that a callback still running may post (and be refused).
 IPCMessageClient::~IPCMessageClient() {
-    core_.reset();
+    core_->Shutdown();
 }
 
 bool IPCMessageClient::PostIPCMessage(const TagIPCMessageItem& item) const {

@@ -150,7 +150,8 @@ class QlbctlBinaryTest : public ::testing::Test {
         ASSERT_TRUE(hub_->Start());
         // Stands in for the main service: records what it is sent and answers "ok" with the sync id.
         service_ = std::make_unique<IPCMessageClient>(0x30000, dir_ / "ipc.sock");
-        service_->SetDefaultCallback([this](TagIPCMessageItem& item) {
+        IPCMessageClient* service = service_.get();
+        service_->SetDefaultCallback([this, service](TagIPCMessageItem& item) {
             {
                 std::lock_guard<std::mutex> lock(mutex_);
                 received_ = item;
@@ -165,7 +166,7 @@ class QlbctlBinaryTest : public ::testing::Test {
             answer.syncMessageId = item.syncMessageId;
             answer.data = reinterpret_cast<unsigned char*>(ok);
             answer.dataLength = 3;
-            service_->PostIPCMessage(answer);
+            service->PostIPCMessage(answer);
         });
         ASSERT_TRUE(service_->WaitJoined(kWait));
     }
