@@ -20,8 +20,12 @@ using platform::ControlRequest;
 using platform::testing::FakeServiceProcessHost;
 
 std::vector<unsigned char> ReadBytes(const fs::path& file) {
+    std::error_code ec;
+    const auto size = fs::file_size(file, ec);
+    std::vector<unsigned char> bytes(ec ? 0 : size);
     std::ifstream in(file, std::ios::binary);
-    return std::vector<unsigned char>(std::istreambuf_iterator<char>(in), {});
+    in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    return bytes;
 }
 
 // A ServiceMain that only registers the real control handler and holds the dispatcher open, so the
