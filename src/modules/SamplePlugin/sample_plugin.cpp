@@ -56,6 +56,6 @@ QLB_PLUGIN_EXPORT int QlbSamplePluginInitCount() {
 QLB_PLUGIN_EXPORT int QlbSamplePluginUninitCount() {
     return g_uninitialized;
 }
-QLB_PLUGIN_EXPORT unsigned QlbSamplePluginLastProcess() {
-    return g_lastProcess;
+QLB_PLUGIN_EXPORT int QlbSamplePluginLastProcess() {
+    return static_cast<int>(g_lastProcess.load());
 }
