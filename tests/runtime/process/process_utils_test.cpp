@@ -10,6 +10,7 @@
 #include "platform/processes/fake_process_api.h"
 #include "platform/sessions/session_source.h"
 #include "runtime/common/program_dir.h"
+#include "runtime/common/strings.h"
 #include "runtime/process/process_utils.h"
 #include "runtime/process/support/process_test_support.h"
 
@@ -45,10 +46,16 @@ class ProcessLookup : public ::testing::Test {
     TempDir dir;
 };
 
+// Names of the test's own, so that processes of other tests running beside it never match.
+std::string UniqueName(const std::string& stem) {
+    return stem + std::to_string(::getpid()) + ".exe";
+}
+
 TEST_F(ProcessLookup, FindsAProcessByItsImageNameWithoutRegardToCase) {
-    ChildProcess child(InstallHelper(dir.path(), "QLBMessageCenter.exe"));
+    const std::string name = UniqueName("QLBMessageCenterLookup");  // longer than a command name
+    ChildProcess child(InstallHelper(dir.path(), name));
     DWORD pid = 0;
-    EXPECT_EQ(PsQueryProcessIdByName(L"qlbmessagecenter.EXE", pid), 0);
+    EXPECT_EQ(PsQueryProcessIdByName(DE::ANSIToUnicode(qlb::ToLowerAscii(name)).c_str(), pid), 0);
     EXPECT_EQ(pid, static_cast<DWORD>(child.pid()));
 }
 
@@ -110,9 +117,8 @@ TEST_F(ProcessStart, StartsABareNameFromTheProgramDirectoryDetached) {
     // Not a child of the caller: nothing here has to reap it.
     EXPECT_EQ(::waitpid(static_cast<pid_t>(started.pid), nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
-    DWORD found = 0;
-    EXPECT_EQ(PsQueryProcessIdByName(L"QLBMessageCenter.exe", found), 0);
-    EXPECT_EQ(found, started.pid);
+    EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(started.pid) + "/exe"),
+              dir / "QLBMessageCenter.exe");
 }
 
 TEST_F(ProcessStart, AMissingProgramGivesZero) {
