@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <climits>
 #include <chrono>
+#include <climits>
 #include <cstdlib>
 #include <fstream>
 #include <iomanip>
@@ -200,12 +200,14 @@ int RunCtl(const CtlOptions& options, std::ostream& out, std::ostream& err, cons
     const std::filesystem::path socket = options.socket.empty() ? ipc::DefaultSocketPath() : options.socket;
     ipc::ClientOptions clientOptions;
     clientOptions.reconnect = false;
+    clientOptions.connectOnStart = false;  // nothing addressed to us may arrive before the printer is set
     IPCMessageClient client(options.moduleId, socket, clientOptions);
     std::mutex outMutex;
     client.SetDefaultCallback([&](TagIPCMessageItem& item) {
         std::lock_guard<std::mutex> lock(outMutex);
         out << DescribeFrame(item) << std::endl;
     });
+    client.Connect();
     if (!client.WaitJoined(kJoinWait)) {
         err << "qlbctl: cannot join the channel at " << socket.string();
         if (client.LastRefusal() != 0) {

@@ -50,6 +50,9 @@ class ClientCore {
         event.events = EPOLLIN;
         event.data.fd = wakeFd_;
         ::epoll_ctl(epollFd_, EPOLL_CTL_ADD, wakeFd_, &event);
+        if (!options.connectOnStart) {
+            nextAttempt_ = kNever;
+        }
         thread_ = std::thread([this] { Run(); });
     }
 
@@ -124,6 +127,11 @@ class ClientCore {
         return idleCv_.wait_for(lock, timeout, [&] { return outFrames_.empty(); });
     }
 
+    void Connect() {
+        connectRequested_ = true;
+        Wake();
+    }
+
     int LastRefusal() const { return lastRefusal_; }
     int ModuleId() const noexcept { return moduleId_; }
 
@@ -150,11 +158,17 @@ class ClientCore {
             }
             if (state == LinkState::kDisconnected) {
                 const auto now = std::chrono::steady_clock::now();
-                if (now >= nextAttempt_) {
+                if (connectRequested_.exchange(false)) {
+                    nextAttempt_ = now;
+                }
+                if (nextAttempt_ == kNever) {
+                    timeout = -1;  // waiting for Connect()
+                } else if (now >= nextAttempt_) {
                     TryConnect();
                     continue;
+                } else {
+                    timeout = MillisecondsUntil(nextAttempt_, now);
                 }
-                timeout = MillisecondsUntil(nextAttempt_, now);
             } else if (state == LinkState::kAwaitingReply) {
                 // A hub that takes the connection and never answers the HELLO is given up on like one
                 // that is not there.
@@ -436,7 +450,10 @@ class ClientCore {
     FrameReader reader_;
     std::uint8_t reply_[kHelloSize] = {};
     std::size_t replyBytes_ = 0;
+    static constexpr std::chrono::steady_clock::time_point kNever =
+        std::chrono::steady_clock::time_point::max();
     std::chrono::steady_clock::time_point nextAttempt_{};
+    std::atomic<bool> connectRequested_{false};
     std::chrono::steady_clock::time_point replyDeadline_{};
     std::chrono::milliseconds retryDelay_;
     bool loggedConnectFailure_ = false;
@@ -489,6 +506,10 @@ IPCMessageClient::Callback IPCMessageClient::FindCallback(int messageId) {
     std::lock_guard<std::mutex> lock(mutex_);
     auto found = callbacks_.find(messageId);
     return found != callbacks_.end() ? found->second : defaultCallback_;
+}
+
+void IPCMessageClient::Connect() {
+    core_->Connect();
 }
 
 int IPCMessageClient::ModuleId() const noexcept {

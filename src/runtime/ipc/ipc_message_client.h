@@ -25,6 +25,9 @@ namespace qlb::ipc {
 struct ClientOptions {
     // Keep rejoining when the hub goes away or is not there yet; without it the client tries once.
     bool reconnect = true;
+    // Join right away. Without it the client waits for Connect(), so that a module can register its
+    // callbacks before anything addressed to it can arrive.
+    bool connectOnStart = true;
     // Bytes queued for the hub before PostIPCMessage refuses.
     std::size_t maxQueuedBytes = 64u * 1024 * 1024;
     // Callback workers beyond which messages wait for a free one.
@@ -66,6 +69,9 @@ class IPCMessageClient {
     bool UnRegisterMessageCallback(int messageId);
     // Runs for frames whose id has no callback (tools that watch all traffic).
     void SetDefaultCallback(Callback callback);
+
+    // Starts joining a client made with connectOnStart false; nothing for one that already does.
+    void Connect();
 
     int ModuleId() const noexcept;
     bool IsJoined() const;

@@ -305,3 +305,24 @@ TEST(ChannelClientSilentHubTest, HubThatNeverAnswersTheHelloIsGivenUp) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(ChannelClientDeferredTest, ClientMadeWithoutConnectingJoinsOnConnectWithItsCallbacksInPlace) {
+    TempDir dir;
+    IPCMessageServer hub(dir.path() / "ipc.sock", PeerPolicy({::getuid()}, {}));
+    ASSERT_TRUE(hub.Start());
+    ClientOptions deferred;
+    deferred.connectOnStart = false;
+    IPCMessageClient client(kSelf, dir.path() / "ipc.sock", deferred);
+    EXPECT_FALSE(client.IsJoined());
+    Inbox inbox;
+    inbox.Attach(client);
+    client.Connect();
+    ASSERT_TRUE(client.WaitJoined(kWait));
+    ASSERT_TRUE(client.PostIPCMessage(MakeItem(kSelf, kSelf, 0x7800)));
+    Received received;
+    EXPECT_TRUE(inbox.Take(0x7800, received));
+}
+
+}  // namespace

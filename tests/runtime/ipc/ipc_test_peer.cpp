@@ -63,7 +63,9 @@ int main(int argc, char** argv) {
         }
         return client.LastRefusal() != 0 ? client.LastRefusal() : 99;
     }
-    IPCMessageClient client(moduleId, socket);
+    ClientOptions options;
+    options.connectOnStart = false;  // joins once it can answer
+    IPCMessageClient client(moduleId, socket, options);
     client.SetDefaultCallback([&client](TagIPCMessageItem& item) {
         if (item.messageId == kMsgBlock) {
             std::unique_lock<std::mutex> lock(g_mutex);
@@ -78,6 +80,7 @@ int main(int argc, char** argv) {
         }
         Echo(client, item);
     });
+    client.Connect();
     for (;;) {
         ::pause();
     }
