@@ -166,16 +166,6 @@ TEST_F(MonProcessOperations, KillProcessOfAVanishedProcessFails) {
     EXPECT_EQ(instance->KillProcess(0x7FFFFFF0), static_cast<long>(win::ERROR_INVALID_PARAMETER));
 }
 
-TEST_F(MonProcessOperations, OperationsWithoutABackEndAreRefusedAndChangeNothing) {
-    int isProtected = 7;
-    EXPECT_EQ(instance->ProtectProcess(1234), static_cast<long>(win::ERROR_NOT_SUPPORTED));
-    EXPECT_EQ(instance->IsProcessProtected(1234, &isProtected), static_cast<long>(win::ERROR_NOT_SUPPORTED));
-    EXPECT_EQ(isProtected, 0);
-    EXPECT_EQ(instance->SuspendProcess(1234), static_cast<long>(win::ERROR_NOT_SUPPORTED));
-    EXPECT_EQ(instance->KillProcessTree(1234), static_cast<long>(win::ERROR_NOT_SUPPORTED));
-    EXPECT_EQ(instance->ProtectFile(L"/etc/passwd"), static_cast<long>(win::ERROR_NOT_SUPPORTED));
-}
-
 TEST_F(MonProcessOperations, BootNoteAnswersOnlyForTheServiceThatLeftIt) {
     EXPECT_EQ(instance->BootAlive(service.c_str()), 0);
     DWORD alive = 9;
@@ -194,12 +184,6 @@ TEST_F(MonProcessOperations, ShutdownNoticesAccumulate) {
     const std::string notes = ReadFile(dir / "run/monprocess/shutdown");
     EXPECT_EQ(std::count(notes.begin(), notes.end(), '\n'), 2);
     EXPECT_NE(notes.find((dir / "qlbmainservice").string()), std::string::npos);
-}
-
-TEST_F(MonProcessOperations, AfterUninitializeTheServiceOperationsAreRefused) {
-    instance->Uninitialize();
-    EXPECT_EQ(instance->KillProcess(1234), static_cast<long>(win::ERROR_INVALID_FUNCTION));
-    EXPECT_EQ(instance->BootAlive(service.c_str()), static_cast<long>(win::ERROR_INVALID_FUNCTION));
 }
 
 TEST_F(MonProcessOperations, OnlyTheMonitorInterfaceIsHandedOut) {

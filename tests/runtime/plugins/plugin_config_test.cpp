@@ -46,10 +46,6 @@ TEST(PluginConfigGrammar, OpenTakesDigitsOrWords) {
               std::string::npos);
 }
 
-TEST(PluginConfigGrammar, AnEmptyListIsAValidConfiguration) {
-    EXPECT_TRUE(MustParse("<plugin-list/>").plugins.empty());
-}
-
 TEST(PluginConfigGrammar, TheShippedConfigurationParses) {
     const auto config = MustParse(qlb::testing::ReadFile(QLB_DEFAULT_PLUGIN_CFG));
     for (const auto& p : config.plugins) {

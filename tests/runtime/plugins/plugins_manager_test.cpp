@@ -110,16 +110,6 @@ TEST_F(PluginHost, OnlyOpenPluginsOfTheHostsProcessLoad) {
     EXPECT_FALSE(Loaded("ForMessageCenter"));
 }
 
-TEST_F(PluginHost, AGivenContextReachesThePlugin) {
-    Install(QLB_SAMPLE_PLUGIN, "QLBSamplePlugin");
-    Configure(Entry("QLBSamplePlugin"));
-    QLBPluginsManager host(pluginDir);
-    ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
-    InitContext context{sizeof(InitContext), 7, "/opt/qlb/", "QLBSamplePlugin"};
-    ASSERT_TRUE(host.LoadAllPlugins(&context));
-    EXPECT_EQ(Counter("QLBSamplePlugin", "QlbSamplePluginLastProcess"), 7);
-}
-
 TEST_F(PluginHost, ObjectsAreCreatedByThePluginOfTheirClassId) {
     Install(QLB_SAMPLE_PLUGIN, "QLBSamplePlugin");
     Configure(Entry("QLBSamplePlugin", 1, true, kSampleClsid));

@@ -108,19 +108,6 @@ TEST_F(SignatureTest, FileInfoUsesTheProfilesTrustedKeys) {
     EXPECT_FALSE(FileInfo::VerifyDigitalSignature(nullptr, false));
 }
 
-TEST(MinisignParsing, PublicKeyWithAndWithoutCommentLine) {
-    const std::string line = "RWTYqkKFPUkz/aPaTz/sXEi5+KDt1aaHTEIPrd1SSOnwD0NFlKe8Ty2M";
-    auto withComment =
-        ParsePublicKey("untrusted comment: minisign public key FD33493D8542AAD8\n" + line + "\n");
-    auto bare = ParsePublicKey(line);
-    ASSERT_TRUE(withComment);
-    ASSERT_TRUE(bare);
-    EXPECT_EQ(withComment->keyId, bare->keyId);
-    // The key id is stored little-endian: the comment shows it reversed.
-    EXPECT_EQ(withComment->keyId[0], 0xD8);
-    EXPECT_EQ(withComment->keyId[7], 0xFD);
-}
-
 TEST(MinisignParsing, KeysOfTheWrongSizeOrAlgorithmAreRefused) {
     EXPECT_FALSE(ParsePublicKey(""));
     EXPECT_FALSE(ParsePublicKey("untrusted comment: x\n"));

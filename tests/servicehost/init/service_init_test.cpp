@@ -144,11 +144,6 @@ TEST_F(ServiceInit, AMalformedPluginConfigurationFailsWithoutTheLoadEvent) {
     EXPECT_EQ(EventIds(), (std::vector<std::string>{"619000000", "619000004"}));
 }
 
-TEST_F(ServiceInit, AMissingPluginConfigurationFailsTheStart) {
-    EXPECT_FALSE(InitService());
-    EXPECT_TRUE(Logged("ERROR", "fail to load plugin cfg.", "LoadAllPluginsOfService"));
-}
-
 TEST_F(ServiceInit, APluginThatFailsStillSendsTheLoadEventAndTheOthersAreUnloaded) {
     Plugin("Good");
     Plugin("Unsigned", /*sign=*/false);
@@ -217,14 +212,6 @@ TEST_F(ServiceInit, ServerConfigurationWithoutAnEndpointIsOnlyLogged) {
     EXPECT_TRUE(log.HasText("ServerConfigDownload no endpoint for com.zorvane.cloud.configserver"));
     EXPECT_FALSE(ServerConfigDownload::GetInstance()->Start());
     StopServerConfigService();
-}
-
-TEST(OpensllLockPair, InitAndUnInitAlwaysSucceed) {
-    auto* lock = OpensllLock::GetInstance();
-    EXPECT_TRUE(lock->Init());
-    EXPECT_TRUE(lock->IsInitialized());
-    EXPECT_TRUE(lock->UnInit());
-    EXPECT_FALSE(lock->IsInitialized());
 }
 
 }  // namespace
