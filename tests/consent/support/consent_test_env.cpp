@@ -1,0 +1,167 @@
+#include "consent_test_env.h"
+
+#include <stdlib.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "consent/consent_context.h"
+#include "consent/consent_keys.h"
+#include "privacy_pack.h"
+#include "runtime/common/logging.h"
+#include "runtime/common/strings.h"
+#include "runtime/common/win_types.h"
+#include "runtime/http/http_util.h"
+#include "runtime/registry/de_registry.h"
+#include "runtime/registry/registry_store.h"
+
+namespace qlb::consent::testing {
+namespace {
+
+std::filesystem::path LogDir() {
+    return std::filesystem::temp_directory_path() / "qlb-consent-tests-log";
+}
+
+std::filesystem::path LogFile() {
+    return LogDir() / "ConsentTests.log";
+}
+
+void InitTestLoggerOnce() {
+    static const bool initialised = [] {
+        qlb::logging::InitLogger("ConsentTests", std::string(QLB_SOURCE_DIR) + "/config/log4cplus.properties",
+                                 LogDir().string() + "/");
+        return true;
+    }();
+    (void)initialised;
+}
+
+std::string ReadFile(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+}  // namespace
+
+void ConsentTest::SetUp() {
+    InitTestLoggerOnce();
+    std::string pattern = (std::filesystem::temp_directory_path() / "qlb-consent-XXXXXX").string();
+    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+    dir_ = pattern;
+    std::filesystem::create_directories(dir_ / "dmi");
+    std::filesystem::create_directories(dir_ / "program" / "config" / "local_config");
+
+    profile_ = MachineProfile{};
+    profile_.registry = dir_ / "registry.db";
+    profile_.appData = dir_ / "appdata/";
+    profile_.logDir = LogDir().string() + "/";
+    profile_.runDir = dir_ / "run/";
+    profile_.dmiDir = dir_ / "dmi";
+    profile_.capabilities.plugins = {"QDS"};
+    profile_.region = {"CN", "CN", "zh-CN"};
+    profile_.appVersion = "11.0.0.1(C233)";
+    ApplyProfile();
+    SetBrand("ZorVane");
+
+    auto store = qlb::registry::RegistryStore::Open(profile_.registry);
+    ASSERT_EQ(store.error, 0u);
+    qlb::registry::RegistryStore::SetDefault(store.value);
+
+    SetCurrentUserSidProvider([] { return std::wstring(kTestSid); });
+    SetConsentProgramDir(dir_ / "program");
+    HttpUtil::SetTimeoutCapForTesting(std::chrono::milliseconds(1500));
+
+    std::error_code ec;
+    logStart_ = std::filesystem::exists(LogFile(), ec) ? std::filesystem::file_size(LogFile(), ec) : 0;
+}
+
+void ConsentTest::TearDown() {
+    HttpUtil::SetTimeoutCapForTesting(std::chrono::milliseconds(0));
+    SetConsentProgramDir({});
+    SetCurrentUserSidProvider({});
+    qlb::registry::RegistryStore::SetDefault(nullptr);
+    MachineProfile::SetCurrent(MachineProfile{});
+    std::error_code ec;
+    std::filesystem::remove_all(dir_, ec);
+}
+
+void ConsentTest::ApplyProfile() {
+    MachineProfile::SetCurrent(profile_);
+}
+
+void ConsentTest::SetBrand(const std::string& sysVendor) {
+    std::ofstream(dir_ / "dmi" / "sys_vendor", std::ios::trunc) << sysVendor << "\n";
+}
+
+void ConsentTest::SetAppVersion(const std::string& version) {
+    profile_.appVersion = version;
+    ApplyProfile();
+}
+
+void ConsentTest::SetQds(bool supported) {
+    profile_.capabilities.plugins.clear();
+    if (supported) {
+        profile_.capabilities.plugins.insert("QDS");
+    }
+    ApplyProfile();
+}
+
+void ConsentTest::SetUserValue(const std::wstring& path, const std::wstring& name, const std::string& value) {
+    ASSERT_TRUE(
+        DE::Registry::SetValue(HKEY_USERS, std::wstring(kTestSid) + path, name, DE::ANSIToUnicode(value)));
+}
+
+std::optional<std::string> ConsentTest::UserValue(const std::wstring& path, const std::wstring& name) const {
+    std::wstring value;
+    if (!DE::Registry::GetValue(HKEY_USERS, std::wstring(kTestSid) + path, name, value)) {
+        return std::nullopt;
+    }
+    return DE::UnicodeToANSI(value);
+}
+
+bool ConsentTest::UserKeyExists(const std::wstring& path) const {
+    DE::Registry registry;
+    registry.SetRootKey(HKEY_USERS);
+    return registry.KeyExists(std::wstring(kTestSid) + path);
+}
+
+void ConsentTest::DeleteUserKeyTree(const std::wstring& path) {
+    DE::Registry registry;
+    registry.RegDeleteAll(HKEY_USERS, std::wstring(kTestSid) + path);
+}
+
+void ConsentTest::SetLoggedIn(bool loggedIn) {
+    SetUserValue(kAgreementServiceKey, kUserLoginFlagValue, loggedIn ? "1" : "0");
+}
+
+void ConsentTest::SetServerUpdated(bool updated) {
+    SetUserValue(kAgreementServiceKey, kServerUpdatedFlagValue, updated ? "1" : "0");
+}
+
+std::filesystem::path ConsentTest::PrivacyDocumentPath() const {
+    return dir_ / "program" / kPrivacyConfigFile;
+}
+
+void ConsentTest::InstallPrivacyDocument(const std::string& xml) {
+    const auto packed = qlb::privacy::PackDocument(xml, qlb::privacy::HeaderMode::Random);
+    ASSERT_TRUE(packed.has_value());
+    InstallRawPrivacyFile(*packed);
+}
+
+void ConsentTest::InstallRawPrivacyFile(const std::string& bytes) {
+    std::ofstream out(PrivacyDocumentPath(), std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    ASSERT_TRUE(out.good());
+}
+
+std::string ConsentTest::LogText() const {
+    const std::string all = ReadFile(LogFile());
+    return logStart_ <= all.size() ? all.substr(logStart_) : all;
+}
+
+std::string ShippedPrivacyXml() {
+    return ReadFile(std::filesystem::path(QLB_SOURCE_DIR) / "config/privacy/tessalink_privacy.xml");
+}
+
+}  // namespace qlb::consent::testing
