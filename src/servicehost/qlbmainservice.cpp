@@ -47,7 +47,9 @@ int StartupMainService(CServiceManager& manager) {
             QLOG_ERROR("main service wait start up time out.");
             return 0;
         }
-        platform.clock->Sleep(kStartupWaitStepMs);
+        // A round ends early once the mutex is there; the count of rounds stays the limit.
+        platform.clock->SleepUnless(kStartupWaitStepMs,
+                                    [&platform] { return platform.mutexes->Exists(kServiceMutexName); });
         opened = platform.mutexes->Open(kServiceMutexName);
     }
     return started;

@@ -1,5 +1,6 @@
 #include "platform/sync/clock.h"
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -35,6 +36,18 @@ DWORD ManualResetEvent::Wait(DWORD ms) {
 
 void SystemClock::Sleep(DWORD ms) {
     std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
+
+void SystemClock::SleepUnless(DWORD ms, const std::function<bool()>& done) {
+    constexpr auto kStep = std::chrono::milliseconds(2);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (!(done && done())) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= end) {
+            return;
+        }
+        std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(kStep, end - now));
+    }
 }
 
 DWORD SystemClock::WaitForEvent(ManualResetEvent* event, DWORD ms) {

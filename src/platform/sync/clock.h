@@ -4,6 +4,7 @@
 // so a test runs a 24-hour round or a 5.1-second start wait at once with a fake one.
 
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 
@@ -29,6 +30,12 @@ class Clock {
   public:
     virtual ~Clock() = default;
     virtual void Sleep(DWORD ms) = 0;
+    // Sleeps `ms` like Sleep, but may return as soon as `done` holds: a caller that sleeps between
+    // checks of a condition learns of it without waiting out the round.
+    virtual void SleepUnless(DWORD ms, const std::function<bool()>& done) {
+        (void)done;
+        Sleep(ms);
+    }
     // WaitForSingleObject on an event: WAIT_OBJECT_0, WAIT_TIMEOUT, or WAIT_FAILED for a null event.
     virtual DWORD WaitForEvent(ManualResetEvent* event, DWORD ms) = 0;
 };
@@ -36,6 +43,7 @@ class Clock {
 class SystemClock final : public Clock {
   public:
     void Sleep(DWORD ms) override;
+    void SleepUnless(DWORD ms, const std::function<bool()>& done) override;
     DWORD WaitForEvent(ManualResetEvent* event, DWORD ms) override;
 };
 
