@@ -303,6 +303,7 @@ TEST_F(Upload, StopAbandonsAPostInFlight) {
         release = true;
     }
     released.notify_all();
+    server_.reset();  // the handler uses this test's locals
 }
 
 class UploadConfiguration : public qlb::testing::TempMachine {};
