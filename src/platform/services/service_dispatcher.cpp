@@ -18,6 +18,10 @@ struct DispatcherState {
     LPHANDLER_FUNCTION_EX handler = nullptr;
     void* context = nullptr;
     SERVICE_STATUS status;  // the last status the service published
+    // Publishing is one step from the check to the host's write, so that the handler's closing report
+    // cannot overtake the stopped report of ServiceMain on its way out.
+    std::mutex publishMutex;
+    bool stoppedReported = false;
 };
 
 DispatcherState& State() {
@@ -92,6 +96,7 @@ SysStatus StartServiceCtrlDispatcherW(const SERVICE_TABLE_ENTRYW* table) {
         state.context = nullptr;
         state.status = SERVICE_STATUS{};
         state.status.dwCurrentState = SERVICE_START_PENDING;
+        state.stoppedReported = false;
     }
     std::wstring argv0 = name;
     wchar_t* argv[] = {argv0.data(), nullptr};
@@ -123,16 +128,19 @@ SysResult<SERVICE_STATUS_HANDLE> RegisterServiceCtrlHandlerExW(const wchar_t* se
 
 SysStatus SetServiceStatus(SERVICE_STATUS_HANDLE handle, const SERVICE_STATUS* status) {
     auto& state = State();
+    std::lock_guard publishing(state.publishMutex);
     ServiceProcessHost* host = nullptr;
     {
         std::lock_guard lock(state.mutex);
-        if (!handle || handle != &state || !state.dispatching) {
+        // After the stopped report the handle is no longer valid, as with the Windows manager.
+        if (!handle || handle != &state || !state.dispatching || state.stoppedReported) {
             return SysStatus::Fail(win::ERROR_INVALID_HANDLE);
         }
         if (!status) {
             return SysStatus::Fail(win::ERROR_INVALID_PARAMETER);
         }
         state.status = *status;
+        state.stoppedReported = status->dwCurrentState == SERVICE_STOPPED;
         host = state.host.get();
     }
     const SysStatus published = host->SetStatus(*status);

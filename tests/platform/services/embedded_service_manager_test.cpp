@@ -202,6 +202,7 @@ struct InProcessService {
 };
 
 std::atomic<bool> g_stopRequested{false};
+std::atomic<std::uint32_t> g_lateReportError{0};
 SERVICE_STATUS g_status;
 
 DWORD TestHandler(DWORD control, DWORD, void* data, void*) {
@@ -233,6 +234,10 @@ void TestServiceMain(DWORD, wchar_t**) {
     }
     g_status = SERVICE_STATUS{SERVICE_WIN32_OWN_PROCESS, SERVICE_STOPPED, 0, 0, 0, 0, 0};
     (void)SetServiceStatus(InProcessService::handle, &g_status);
+    // A report that comes after the stopped one (the handler's closing report losing the race) must
+    // not bring the service back to life.
+    SERVICE_STATUS late{SERVICE_WIN32_OWN_PROCESS, SERVICE_STOP_PENDING, 0xC5, 0, 0, 4, 0};
+    g_lateReportError = SetServiceStatus(InProcessService::handle, &late).error;
 }
 
 TEST_F(EmbeddedManagerTest, DispatcherRefusesAProcessTheManagerDidNotStart) {
@@ -286,6 +291,7 @@ TEST_F(EmbeddedManagerTest, ControlsReachTheHandlerOneAtATimeAndObeyTheMask) {
     dispatcher.join();
     EXPECT_TRUE(dispatched.ok());
     EXPECT_EQ(manager_->QueryServiceStatus(L"InProc").value.dwCurrentState, SERVICE_STOPPED);
+    EXPECT_EQ(g_lateReportError.load(), win::ERROR_INVALID_HANDLE);
     EXPECT_EQ(manager_->ControlService(L"InProc", SERVICE_CONTROL_INTERROGATE, 0, 0).error,
               win::ERROR_SERVICE_NOT_ACTIVE);
     EXPECT_FALSE(fs::exists(ServiceStateStore(dir_ / "run").SocketFile(L"InProc")));
