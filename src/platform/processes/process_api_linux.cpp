@@ -259,9 +259,9 @@ class LinuxProcessApi final : public ProcessApi {
         std::vector<std::string> env;
         for (char** e = environ; e != nullptr && *e != nullptr; ++e) {
             const std::string_view entry(*e);
-            const bool replaced =
-                creds.value.change &&
-                (entry.starts_with("HOME=") || entry.starts_with("USER=") || entry.starts_with("LOGNAME="));
+            const bool replaced = creds.value.change &&
+                                  (entry.starts_with("HOME=") || entry.starts_with("USER=") ||
+                                   entry.starts_with("LOGNAME=") || entry.starts_with("XDG_RUNTIME_DIR="));
             if (!replaced) {
                 env.emplace_back(entry);
             }
@@ -270,6 +270,12 @@ class LinuxProcessApi final : public ProcessApi {
             env.push_back("HOME=" + creds.value.home);
             env.push_back("USER=" + creds.value.name);
             env.push_back("LOGNAME=" + creds.value.name);
+            // The session's runtime directory, where the user's desktop services are reached.
+            const std::string runtimeDir = "/run/user/" + std::to_string(creds.value.uid);
+            std::error_code ec;
+            if (std::filesystem::is_directory(runtimeDir, ec)) {
+                env.push_back("XDG_RUNTIME_DIR=" + runtimeDir);
+            }
         }
         std::vector<char*> envp;
         for (auto& e : env) {
