@@ -141,10 +141,11 @@ TEST_F(ProcessStart, RunsAsTheUserOfTheActiveSessionWhenPrivileged) {
     EXPECT_EQ(uid.find("0\t"), std::string::npos) << uid;
     EXPECT_NE(uid.find("65534"), std::string::npos) << uid;
     // The program sees the user's own identity, not the service's.
-    std::string environ = "\n" + qlb::testing::ReadFile("/proc/" + std::to_string(started.pid) + "/environ");
-    std::replace(environ.begin(), environ.end(), '\0', '\n');
-    EXPECT_NE(environ.find("\nUSER=nobody\n"), std::string::npos);
-    EXPECT_EQ(environ.find("\nUSER=root\n"), std::string::npos);
+    std::string environment =
+        "\n" + qlb::testing::ReadFile("/proc/" + std::to_string(started.pid) + "/environ");
+    std::replace(environment.begin(), environment.end(), '\0', '\n');
+    EXPECT_NE(environment.find("\nUSER=nobody\n"), std::string::npos);
+    EXPECT_EQ(environment.find("\nUSER=root\n"), std::string::npos);
 }
 
 TEST_F(ProcessStart, AnUnknownSessionUserFailsTheStart) {
