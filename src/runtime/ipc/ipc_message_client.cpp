@@ -218,7 +218,7 @@ class ClientCore {
             if (!loggedConnectFailure_) {
                 loggedConnectFailure_ = true;
                 QLOG_WARN("IPC hub not reachable at " << path_.string() << ", errno=" << error
-                                                      << "; retrying");
+                                                      << (options_.reconnect ? "; retrying" : ""));
             }
             ScheduleRetry();
             return;
