@@ -235,6 +235,9 @@ Uploader::Round Uploader::RunOnce() {
         request.headers[kHeaderBatchCount] = std::to_string(batch.count);
         const auto response = options_.post(request);
         if (!response.ok()) {
+            if (cancel_.load()) {
+                return Round::Failed;  // stopping, possibly at process exit: no log line
+            }
             QLOG_WARN("telemetry upload failed, status=" << response.httpStatus << ", curl="
                                                          << response.curlCode << " " << response.error);
             return Round::Failed;
