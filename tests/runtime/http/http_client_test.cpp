@@ -10,6 +10,7 @@
 #include <mutex>
 
 #include "loopback_http_server.h"
+#include "runtime/common/machine_profile.h"
 #include "runtime/http/http_client.h"
 
 namespace {
@@ -160,6 +161,63 @@ TEST(HttpExchange, TlsToAPlainServerFailsInsteadOfFallingBack) {
     const auto response = Perform(request);
     EXPECT_NE(response.curlCode, CURLE_OK);
     EXPECT_FALSE(response.ok());
+}
+
+}  // namespace
+
+namespace {
+
+// A server with its own certificate (for 127.0.0.1 only), trusted through the profile's caFile.
+class HttpsExchange : public ::testing::Test {
+  protected:
+    void TearDown() override { qlb::MachineProfile::SetCurrent(qlb::MachineProfile{}); }
+
+    static qlb::testing::TlsFiles Files() {
+        const std::string dir = std::string(QLB_SOURCE_DIR) + "/tests/runtime/http/testdata/";
+        return {dir + "loopback.crt", dir + "loopback.key"};
+    }
+
+    static void TrustTestCertificate() {
+        qlb::MachineProfile profile;
+        profile.caFile = Files().certificate;
+        qlb::MachineProfile::SetCurrent(profile);
+    }
+};
+
+TEST_F(HttpsExchange, CaFileFromTheProfileIsTrusted) {
+    TrustTestCertificate();
+    LoopbackHttpServer server(
+        [](const HttpExchange& in) {
+            return HttpReply{200, "secure:" + in.body, {}};
+        },
+        Files());
+    Request request;
+    request.url = server.Url("/agree");
+    request.body = "payload";
+    const auto response = Perform(request);
+    EXPECT_EQ(response.curlCode, CURLE_OK) << response.error;
+    EXPECT_EQ(response.body, "secure:payload");
+    EXPECT_EQ(server.RequestCount(), 1u);
+}
+
+TEST_F(HttpsExchange, UnknownCertificateIsRefusedWithoutCaFile) {
+    LoopbackHttpServer server({}, Files());
+    Request request;
+    request.url = server.Url();
+    const auto response = Perform(request);
+    EXPECT_EQ(response.curlCode, CURLE_PEER_FAILED_VERIFICATION) << response.error;
+    EXPECT_EQ(server.RequestCount(), 0u);
+}
+
+TEST_F(HttpsExchange, HostNameIsVerifiedEvenForATrustedCertificate) {
+    TrustTestCertificate();
+    LoopbackHttpServer server({}, Files());
+    Request request;
+    // The certificate names 127.0.0.1 only.
+    request.url = "https://localhost:" + std::to_string(server.port()) + "/";
+    const auto response = Perform(request);
+    EXPECT_EQ(response.curlCode, CURLE_PEER_FAILED_VERIFICATION) << response.error;
+    EXPECT_EQ(server.RequestCount(), 0u);
 }
 
 }  // namespace

@@ -3,11 +3,13 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <openssl/ssl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cctype>
 #include <chrono>
 #include <stdexcept>
@@ -44,20 +46,82 @@ const char* Reason(int status) {
     }
 }
 
-void SendAll(int fd, const std::string& data) {
-    size_t done = 0;
-    while (done < data.size()) {
-        const ssize_t n = ::send(fd, data.data() + done, data.size() - done, MSG_NOSIGNAL);
-        if (n <= 0) {
-            return;
-        }
-        done += static_cast<size_t>(n);
-    }
-}
-
 }  // namespace
 
+// A plain or TLS connection. A TLS read blocks without looking at the wake pipe; the TLS tests only use
+// clients that finish their requests.
+class LoopbackHttpServer::Connection {
+  public:
+    Connection(int fd, SSL_CTX* context) : fd_(fd) {
+        if (context) {
+            ssl_ = SSL_new(context);
+            SSL_set_fd(ssl_, fd_);
+            handshakeOk_ = SSL_accept(ssl_) == 1;
+        }
+    }
+    ~Connection() {
+        if (ssl_) {
+            if (handshakeOk_) {
+                SSL_shutdown(ssl_);
+            }
+            SSL_free(ssl_);
+        }
+        ::close(fd_);
+    }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    bool usable() const { return !ssl_ || handshakeOk_; }
+    bool tls() const { return ssl_ != nullptr; }
+    int fd() const { return fd_; }
+
+    ssize_t Receive(char* buffer, size_t size) {
+        if (ssl_) {
+            const int n = SSL_read(ssl_, buffer, static_cast<int>(size));
+            return n > 0 ? n : -1;
+        }
+        return ::recv(fd_, buffer, size, 0);
+    }
+
+    void SendAll(const std::string& data) {
+        if (ssl_) {
+            SSL_write(ssl_, data.data(), static_cast<int>(data.size()));
+            return;
+        }
+        size_t done = 0;
+        while (done < data.size()) {
+            const ssize_t n = ::send(fd_, data.data() + done, data.size() - done, MSG_NOSIGNAL);
+            if (n <= 0) {
+                return;
+            }
+            done += static_cast<size_t>(n);
+        }
+    }
+
+  private:
+    int fd_;
+    SSL* ssl_ = nullptr;
+    bool handshakeOk_ = false;
+};
+
 LoopbackHttpServer::LoopbackHttpServer(Handler handler) : handler_(std::move(handler)) {
+    Listen();
+}
+
+LoopbackHttpServer::LoopbackHttpServer(Handler handler, const TlsFiles& tls) : handler_(std::move(handler)) {
+    // OpenSSL writes with write(2): a client that hung up mid-handshake must not end the test process.
+    ::signal(SIGPIPE, SIG_IGN);
+    SSL_CTX* context = SSL_CTX_new(TLS_server_method());
+    if (!context || SSL_CTX_use_certificate_file(context, tls.certificate.c_str(), SSL_FILETYPE_PEM) != 1 ||
+        SSL_CTX_use_PrivateKey_file(context, tls.key.c_str(), SSL_FILETYPE_PEM) != 1) {
+        SSL_CTX_free(context);
+        throw std::runtime_error("loopback server cannot load its certificate");
+    }
+    tlsContext_ = context;
+    Listen();
+}
+
+void LoopbackHttpServer::Listen() {
     listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -81,10 +145,11 @@ LoopbackHttpServer::~LoopbackHttpServer() {
     ::close(listenFd_);
     ::close(wakePipe_[0]);
     ::close(wakePipe_[1]);
+    SSL_CTX_free(static_cast<SSL_CTX*>(tlsContext_));
 }
 
 std::string LoopbackHttpServer::Url(const std::string& path) const {
-    return "http://127.0.0.1:" + std::to_string(port_) + path;
+    return std::string(tlsContext_ ? "https" : "http") + "://127.0.0.1:" + std::to_string(port_) + path;
 }
 
 void LoopbackHttpServer::SetHandler(Handler handler) {
@@ -119,23 +184,28 @@ void LoopbackHttpServer::Serve() {
         }
         const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd >= 0) {
-            HandleConnection(fd);
-            ::close(fd);
+            Connection connection(fd, static_cast<SSL_CTX*>(tlsContext_));
+            if (connection.usable()) {
+                HandleConnection(connection);
+            }
         }
     }
 }
 
-void LoopbackHttpServer::HandleConnection(int fd) {
+void LoopbackHttpServer::HandleConnection(Connection& connection) {
+    const int fd = connection.fd();
     std::string data;
     char chunk[4096];
     size_t headEnd = std::string::npos;
     // The head, then as much body as Content-Length says; a client that goes away ends the exchange.
     while ((headEnd = data.find("\r\n\r\n")) == std::string::npos) {
-        pollfd fds[2] = {{fd, POLLIN, 0}, {wakePipe_[0], POLLIN, 0}};
-        if (::poll(fds, 2, -1) <= 0 || fds[1].revents != 0) {
-            return;
+        if (!connection.tls()) {
+            pollfd fds[2] = {{fd, POLLIN, 0}, {wakePipe_[0], POLLIN, 0}};
+            if (::poll(fds, 2, -1) <= 0 || fds[1].revents != 0) {
+                return;
+            }
         }
-        const ssize_t n = ::recv(fd, chunk, sizeof(chunk), 0);
+        const ssize_t n = connection.Receive(chunk, sizeof(chunk));
         if (n <= 0) {
             return;
         }
@@ -165,7 +235,7 @@ void LoopbackHttpServer::HandleConnection(int fd) {
         exchange.headers.count("content-length") ? std::stoul(exchange.headers["content-length"]) : 0;
     exchange.body = data.substr(headEnd + 4);
     while (exchange.body.size() < length) {
-        const ssize_t n = ::recv(fd, chunk, sizeof(chunk), 0);
+        const ssize_t n = connection.Receive(chunk, sizeof(chunk));
         if (n <= 0) {
             return;
         }
@@ -186,7 +256,7 @@ void LoopbackHttpServer::HandleConnection(int fd) {
     }
     out +=
         "Content-Length: " + std::to_string(reply.body.size()) + "\r\nConnection: close\r\n\r\n" + reply.body;
-    SendAll(fd, out);
+    connection.SendAll(out);
 }
 
 }  // namespace qlb::testing

@@ -25,6 +25,12 @@ struct HttpExchange {
     }
 };
 
+// Certificate and key (PEM files) for a server that speaks HTTPS.
+struct TlsFiles {
+    std::string certificate;
+    std::string key;
+};
+
 struct HttpReply {
     int status = 200;
     std::string body;
@@ -36,11 +42,14 @@ class LoopbackHttpServer {
     using Handler = std::function<HttpReply(const HttpExchange&)>;
 
     explicit LoopbackHttpServer(Handler handler = {});
+    // An HTTPS server; a client that fails the handshake is hung up on and counts as no request.
+    LoopbackHttpServer(Handler handler, const TlsFiles& tls);
     ~LoopbackHttpServer();
     LoopbackHttpServer(const LoopbackHttpServer&) = delete;
     LoopbackHttpServer& operator=(const LoopbackHttpServer&) = delete;
 
     int port() const { return port_; }
+    // "http://127.0.0.1:port/path", or https for a TLS server.
     std::string Url(const std::string& path = "/") const;
 
     void SetHandler(Handler handler);
@@ -50,12 +59,16 @@ class LoopbackHttpServer {
     bool WaitForRequests(std::size_t count, int timeoutMs = 10000) const;
 
   private:
+    class Connection;
+
+    void Listen();
     void Serve();
-    void HandleConnection(int fd);
+    void HandleConnection(Connection& connection);
 
     int listenFd_ = -1;
     int wakePipe_[2] = {-1, -1};
     int port_ = 0;
+    void* tlsContext_ = nullptr;  // SSL_CTX*, null for plain HTTP
     Handler handler_;
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
