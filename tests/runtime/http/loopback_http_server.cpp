@@ -9,9 +9,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cctype>
 #include <chrono>
+#include <csignal>
 #include <stdexcept>
 
 namespace qlb::testing {
