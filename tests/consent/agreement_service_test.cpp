@@ -98,13 +98,6 @@ TEST_F(AgreementServerTest, OnceTheServerSpokeRequestsUseTheServiceCountry) {
     EXPECT_EQ(body["agrInfo"][0]["branchId"], 0);
 }
 
-TEST_F(AgreementServerTest, ServerErrorCodeIsPassedOnAndTheVersionStays) {
-    Answer(R"({"errorCode":1011})");
-    std::string version = "kept";
-    EXPECT_EQ(service().GetLatestVersion("1", version), 1011);
-    EXPECT_EQ(version, "kept");
-}
-
 TEST_F(AgreementServerTest, VersionElementWithoutLatestVersionGivesAnEmptyVersion) {
     Answer(R"({"errorCode":0,"versionInfo":[{"agrType":133}]})");
     std::string version = "kept";
@@ -171,14 +164,6 @@ TEST_F(AgreementServerTest, SignIsAFormWithTokenAndRequestEncoded) {
         form.at("request"),
         R"({"signInfo":[{"agrType":133,"branchId":21,"country":"cn","isAgree":true,"language":"zh-cn"},)"
         R"({"agrType":10021,"branchId":21,"country":"cn","isAgree":true,"language":"zh-cn"}]})");
-}
-
-TEST_F(AgreementServerTest, BeforeTheServerSpokeSignAndQuerySendBranchZero) {
-    SetUserValue(kWithLoginLocalVersionKey, kBranchIdValue, "21");
-    EXPECT_EQ(json::parse(ConsentTestPeer::AgreementSignJsonData())["signInfo"][1]["branchId"], 0);
-    EXPECT_EQ(
-        ConsentTestPeer::GetSignRecordJsonData(),
-        R"({"agrInfo":[{"agrType":133,"branchId":0,"country":"cn"},{"agrType":10021,"branchId":0,"country":"cn"}],"obtainVersion":true})");
 }
 
 TEST_F(AgreementServerTest, SignWithSendFailureAndNoReplyGivesTheHttpCode) {

@@ -55,12 +55,6 @@ TEST_F(DecisionTest, OnlyLoginFlagOneLeadsToTheLoginBranch) {
     EXPECT_EQ(AgreementSign::JudgeAgreementSign(), -1);
 }
 
-TEST_F(DecisionTest, LoginFlagAbsentLeadsToTheWithoutLoginBranch) {
-    InForce(kWithoutLoginLocalVersionKey, "20220615", "20220615");
-    Intact("20220615", "20220615");
-    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), -1);
-}
-
 // Logged in: the login record r and the cache c combine.
 class LoginDecisionTest : public DecisionTest {
   protected:
@@ -103,11 +97,6 @@ TEST_F(LoginDecisionTest, OutdatedRecordWithoutCacheIsOutdated) {
     EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 1);
 }
 
-TEST_F(LoginDecisionTest, StoredVersionAboveTheVersionInForceCountsAsAgreed) {
-    Record(kRecordWithLoginKey, "20250101", "20240301");
-    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), -1);
-}
-
 TEST_F(LoginDecisionTest, VersionsCompareAsTextSoAnEightDigitRecordIsBelowNine) {
     InForce(kWithLoginQdsVersionKey, "9", "9");
     Record(kRecordWithLoginKey, "20190815", "20190815");
@@ -121,12 +110,6 @@ TEST_F(LoginDecisionTest, BeforeTheServerSpokeTheWithoutLoginLocalVersionsAreInF
     EXPECT_EQ(AgreementSign::JudgeAgreementSign(), -1);
     InForce(kWithoutLoginLocalVersionKey, "20240301", "20220615");
     EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 1);
-}
-
-TEST_F(LoginDecisionTest, NoVersionsInForceMeansAnyRecordIsAgreed) {
-    DeleteUserKeyTree(kWithLoginQdsVersionKey);
-    Record(kRecordWithLoginKey, "20190815", "20190815");
-    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), -1);
 }
 
 TEST_F(LoginDecisionTest, JudgeWhenLoginReadsAMissingValueAsZero) {

@@ -89,10 +89,6 @@ TEST_F(PrivacyTest, BrandFollowsTheVendorAndZorvaneWins) {
     EXPECT_EQ(ExplainPrivacyXml::GetBrand(), "");
 }
 
-TEST_F(PrivacyTest, InstalledVersionLosesItsKind) {
-    EXPECT_EQ(ExplainPrivacyXml::GetTessalnkVersion(), "11.0.0.1");
-}
-
 // The entry walk over the shipped document.
 class PrivacyNodeTest : public PrivacyTest {
   protected:
@@ -316,16 +312,6 @@ TEST_F(RefreshTest, OnceTheFlagIsSetNoNetworkEndsTheWalkWithCode2) {
     EXPECT_EQ(UserValue(kAgreementServiceKey, kServerUpdatedFlagValue), "1");
 }
 
-TEST_F(RefreshTest, ServerErrorCodeOfItsOwnIsPassedThrough) {
-    ConnectServer();
-    server_->SetHandler([this](const TlsExchange&) {
-        return server_->RequestCount() == 1 ? TlsReply::Json(Version("20240301"))
-                                            : TlsReply::Json(R"({"errorCode":5003})");
-    });
-    EXPECT_EQ(ExplainPrivacyXml::InitPrivacy(), 5003);
-    EXPECT_EQ(UserValue(kWithoutLoginQdsVersionKey, L"133"), "0");
-}
-
 TEST_F(RefreshTest, EmptyVersionInfoSetsTheFlagAndTheWalkGoesOn) {
     ConnectServer();
     ServeVersions({{0, R"({"errorCode":0,"versionInfo":[]})"}, {21, Version("20220615")}});
@@ -399,14 +385,6 @@ TEST_F(RefreshTest, RefreshThenDecisionAcrossANewerServerVersion) {
     SetAppVersion("12.0.0.3");
     ASSERT_EQ(ExplainPrivacyXml::InitPrivacy(), 0);
     EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 1);
-}
-
-TEST_F(RefreshTest, CompareReportsMissingValues) {
-    EXPECT_FALSE(ExplainPrivacyXml::CompareLocalAndQdsVersion(kWithoutLoginLocalVersionKey,
-                                                              kWithoutLoginQdsVersionKey, L"133"));
-    EXPECT_TRUE(
-        Logged("can not find : \\Software\\Tessalink\\AgreementService\\WithoutAccountLogin\\LocalVersion"
-               "or \\Software\\Tessalink\\AgreementService\\WithoutAccountLogin\\QDSVersion"));
 }
 
 TEST(ShippedDocument, BuildMadeTheDocumentFromItsReadableSource) {

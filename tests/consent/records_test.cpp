@@ -37,12 +37,6 @@ TEST_F(AccountUtilTest, CreateRegeditPathMakesTheKeyAndGivesItsFullPath) {
     EXPECT_TRUE(UserKeyExists(kWithLoginQdsVersionKey));
 }
 
-TEST_F(AccountUtilTest, QdsSupportFollowsTheProfilesCapabilities) {
-    EXPECT_TRUE(AccountUtil::IsSupportQds());
-    SetQds(false);
-    EXPECT_FALSE(AccountUtil::IsSupportQds());
-}
-
 class AgreeFlagsTest : public ConsentTest {};
 
 TEST_F(AgreeFlagsTest, AgreeCacheIsTrueOnlyForExactlyOne) {
@@ -104,16 +98,6 @@ TEST_F(SetRecordRegValueTest, OnceTheServerSpokeTheIntactRecordIsNotLookedAt) {
     EXPECT_EQ(UserValue(kRecordWithLoginKey, kBranchIdValue), "21");
 }
 
-TEST_F(SetRecordRegValueTest, VersionsCompareAsText) {
-    SetLoggedIn(true);
-    // "9" is above "10" as text: the intact "9" wins over the server's 10.
-    SetUserValue(kIntactPrivacy, kIntactVersionValue, "9");
-    SetUserValue(kIntactPrivacy, kIntactBranchIdValue, "7");
-    EXPECT_TRUE(service().SetRecordRegValue(10021, 10, 1));
-    EXPECT_EQ(UserValue(kRecordWithLoginKey, L"10021"), "9");
-    EXPECT_EQ(UserValue(kRecordWithLoginKey, kBranchIdValue), "7");
-}
-
 class IntactRecordTest : public ConsentTest {};
 
 TEST_F(IntactRecordTest, BothAgreementsAreRecordedWithSixValues) {
@@ -165,16 +149,6 @@ TEST_F(LoginCacheTest, SaveCacheCopiesTheVersionsInForceAndTheLoginBranch) {
     EXPECT_EQ(UserValue(kRecordWithLoginCacheKey, L"133"), "20220615");
     EXPECT_EQ(UserValue(kRecordWithLoginCacheKey, L"10021"), "20220615");
     EXPECT_EQ(UserValue(kRecordWithLoginCacheKey, kBranchIdValue), "21");
-}
-
-TEST_F(LoginCacheTest, SaveCacheTakesTheServerVersionsOnceTheServerSpoke) {
-    SetServerUpdated(true);
-    SetUserValue(kWithLoginQdsVersionKey, L"133", "20240301");
-    SetUserValue(kWithLoginQdsVersionKey, L"10021", "20240302");
-    SetUserValue(kWithoutLoginLocalVersionKey, L"133", "1");
-    service().SaveCache();
-    EXPECT_EQ(UserValue(kRecordWithLoginCacheServiceKey, L"133"), "20240301");
-    EXPECT_EQ(UserValue(kRecordWithLoginCacheServiceKey, L"10021"), "20240302");
 }
 
 TEST_F(LoginCacheTest, NeedsUpdateWhenAVersionInForceIsNewer) {
