@@ -1,6 +1,9 @@
 #include "runtime/http/http_client.h"
 
 #include <curl/curl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <time.h>
 
 #include <exception>
 #include <mutex>
@@ -19,6 +22,38 @@ void EnsureGlobalInit() {
     static std::once_flag once;
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
+
+// CURLOPT_NOSIGNAL also stops libcurl from ignoring SIGPIPE around its writes. A peer that hangs up
+// must not end the service, so SIGPIPE is held back on this thread for the exchange and one raised by
+// it is taken off the thread before the mask is restored.
+class SigPipeGuard {
+  public:
+    SigPipeGuard() {
+        sigemptyset(&pipe_);
+        sigaddset(&pipe_, SIGPIPE);
+        blocked_ = pthread_sigmask(SIG_BLOCK, &pipe_, &previous_) == 0;
+    }
+    ~SigPipeGuard() {
+        if (!blocked_) {
+            return;
+        }
+        sigset_t pending;
+        sigemptyset(&pending);
+        if (sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1 &&
+            sigismember(&previous_, SIGPIPE) == 0) {
+            const timespec now{0, 0};
+            sigtimedwait(&pipe_, nullptr, &now);
+        }
+        pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
+    }
+    SigPipeGuard(const SigPipeGuard&) = delete;
+    SigPipeGuard& operator=(const SigPipeGuard&) = delete;
+
+  private:
+    sigset_t pipe_{};
+    sigset_t previous_{};
+    bool blocked_ = false;
+};
 
 struct Transfer {
     std::string* body = nullptr;
@@ -134,7 +169,11 @@ Response PerformUnchecked(const Request& request) {
     easy.AddHeader("Expect:");
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, easy.headers());
 
-    const CURLcode code = curl_easy_perform(curl);
+    CURLcode code = CURLE_OK;
+    {
+        const SigPipeGuard guard;
+        code = curl_easy_perform(curl);
+    }
     response.curlCode = static_cast<int>(code);
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &response.httpStatus);
     if (code != CURLE_OK) {
