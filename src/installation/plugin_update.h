@@ -27,5 +27,6 @@ class PluginUpdate {
     void StartDelayReport();
 
   private:
-    void* module_ = nullptr;
+    // The patch library, once the binding lands.
+    [[maybe_unused]] void* module_ = nullptr;
 };
