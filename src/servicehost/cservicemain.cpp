@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 
 #include <exception>
+#include <mutex>
 #include <new>
 #include <thread>
 
@@ -38,6 +39,15 @@ namespace {
 
 // Starts at 1 and is never reset: each pending report takes the next value.
 DWORD g_dwCheckPoint = 1;
+
+// The handler and ServiceMain report from two threads; each report is made whole under this lock, so
+// the status fields and the check point never tear. Nothing else in the service host locks.
+std::mutex g_reportMutex;
+
+DWORD ReportedState() {
+    std::lock_guard lock(g_reportMutex);
+    return g_ServiceStatus.dwCurrentState;
+}
 
 // The stop event lives for the process; a second start in one process (tests) replaces it.
 std::unique_ptr<qlb::platform::ManualResetEvent> g_stopEventStorage;
@@ -77,6 +87,7 @@ void InitServiceStatus() {
 
 void ReportStatus(SERVICE_STATUS_HANDLE /*handle*/, unsigned long state, unsigned long /*exitCode*/,
                   unsigned long waitHint) {
+    std::lock_guard lock(g_reportMutex);
     g_ServiceStatus.dwCurrentState = state;
     g_ServiceStatus.dwWin32ExitCode = 0;
     g_ServiceStatus.dwWaitHint = waitHint;
@@ -295,6 +306,6 @@ DWORD ServiceCtrlHandler(DWORD control, DWORD eventType, void* eventData, void* 
     }
     // Every control ends with the current state again: the wait hint goes to 0 and, while stop is
     // pending, the check point moves on.
-    ReportStatus(nullptr, g_ServiceStatus.dwCurrentState, 0, 0);
+    ReportStatus(nullptr, ReportedState(), 0, 0);
     return 0;
 }
