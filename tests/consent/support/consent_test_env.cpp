@@ -1,6 +1,7 @@
 #include "consent_test_env.h"
 
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <sstream>
@@ -18,8 +19,9 @@
 namespace qlb::consent::testing {
 namespace {
 
+// One log per test process: ctest runs the cases of a binary as parallel processes.
 std::filesystem::path LogDir() {
-    return std::filesystem::temp_directory_path() / "qlb-consent-tests-log";
+    return std::filesystem::temp_directory_path() / ("qlb-consent-tests-log-" + std::to_string(::getpid()));
 }
 
 std::filesystem::path LogFile() {
@@ -30,6 +32,10 @@ void InitTestLoggerOnce() {
     static const bool initialised = [] {
         qlb::logging::InitLogger("ConsentTests", std::string(QLB_SOURCE_DIR) + "/config/log4cplus.properties",
                                  LogDir().string() + "/");
+        std::atexit([] {
+            std::error_code ec;
+            std::filesystem::remove_all(LogDir(), ec);
+        });
         return true;
     }();
     (void)initialised;
