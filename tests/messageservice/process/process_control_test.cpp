@@ -27,6 +27,19 @@ std::vector<unsigned long> PidsOf(const std::wstring& name) {
     return pids;
 }
 
+// The processes of that name whose executable lies in `dir`: those of this test, not of others
+// running beside it.
+std::vector<unsigned long> PidsIn(const std::wstring& name, const fs::path& dir) {
+    std::vector<unsigned long> pids;
+    for (const unsigned long pid : PidsOf(name)) {
+        std::error_code ec;
+        if (fs::read_symlink("/proc/" + std::to_string(pid) + "/exe", ec).parent_path() == dir) {
+            pids.push_back(pid);
+        }
+    }
+    return pids;
+}
+
 class ProcessControl : public ::testing::Test {
   protected:
     TempDir dir;
@@ -86,18 +99,22 @@ TEST_F(ProcessControl, StartMsgCenterStartsTheMessageCentreOfTheProgramDirectory
     TagIPCMessageItem item;
     item.messageId = 0x30003;
     handlers.OnStartMsgCenter(item);
-    startedByTest = PidsOf(L"QLBMessageCenter.exe");
-    ASSERT_EQ(startedByTest.size(), 1u);
-    EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(startedByTest[0]) + "/exe"),
-              dir / "QLBMessageCenter.exe");
+    startedByTest = PidsIn(L"QLBMessageCenter.exe", dir.path());
+    EXPECT_EQ(startedByTest.size(), 1u);
 }
 
 TEST_F(ProcessControl, ARunningMessageCentreIsNotStartedTwice) {
     ChildProcess running(InstallHelper(dir.path(), "QLBMessageCenter.exe"));
     TagIPCMessageItem item;
     handlers.OnStartMsgCenter(item);
-    EXPECT_EQ(PidsOf(L"QLBMessageCenter.exe"),
-              std::vector<unsigned long>{static_cast<unsigned long>(running.pid())});
+    // Nothing was started from this program directory beside the running one.
+    const auto ours = PidsIn(L"QLBMessageCenter.exe", dir.path());
+    for (const unsigned long pid : ours) {
+        if (pid != static_cast<unsigned long>(running.pid())) {
+            startedByTest.push_back(pid);  // started by mistake: ended at tear-down
+        }
+    }
+    EXPECT_EQ(ours, std::vector<unsigned long>{static_cast<unsigned long>(running.pid())});
     EXPECT_TRUE(Logged("ERROR", "QueryPidByProcessName vecPids.size is not 0 OR lResult:ERROR",
                        "StartMsgCenterProcess"));
 }
@@ -127,7 +144,7 @@ TEST_F(ProcessControl, ForceKillOfAProcessThatEndsWithinTheGraceLoadsNoModule) {
 
 TEST_F(ProcessControl, ForceKillEndsAProcessThatOutlivesTheGraceThroughTheSignedModule) {
     InstallMonProcess(true);
-    ChildProcess child(InstallHelper(dir.path(), "QLBMessageCenter.exe"));
+    ChildProcess child(InstallHelper(dir.path(), "Tessalink.exe"));
     ForceKill(std::to_string(child.pid()));
     EXPECT_TRUE(Logged("ERROR", "OnForceKill done: ", "OnForceKill"));
     EXPECT_TRUE(WaitUntil([&] { return child.Ended(); }));
@@ -136,7 +153,7 @@ TEST_F(ProcessControl, ForceKillEndsAProcessThatOutlivesTheGraceThroughTheSigned
 
 TEST_F(ProcessControl, ForceKillWithAnUnsignedModuleLeavesTheProcessRunning) {
     InstallMonProcess(false);
-    ChildProcess child(InstallHelper(dir.path(), "QLBMessageCenter.exe"));
+    ChildProcess child(InstallHelper(dir.path(), "Tessalink.exe"));
     ForceKill(std::to_string(child.pid()));
     EXPECT_TRUE(Logged("ERROR", "OnForceKill done: ", "OnForceKill"));
     EXPECT_FALSE(child.Ended());

@@ -14,15 +14,15 @@ using qlb::testing::TempDir;
 
 TEST(ProcessTable, ImageNameIsTheFullFileNameOfTheExecutableNotTheShortCommandName) {
     TempDir dir;
-    ChildProcess child(InstallHelper(dir.path(), "QLBMessageCenter.exe"));
+    ChildProcess child(InstallHelper(dir.path(), "QLBMessageCenterTable.exe"));
     auto snapshot = MakeLinuxProcessApi()->Snapshot();
     ASSERT_TRUE(snapshot);
     bool found = false;
     for (const auto& e : snapshot.value) {
         if (e.pid == static_cast<std::uint32_t>(child.pid())) {
             found = true;
-            EXPECT_EQ(e.imageName, L"QLBMessageCenter.exe");
-            EXPECT_EQ(e.imagePath, dir / "QLBMessageCenter.exe");
+            EXPECT_EQ(e.imageName, L"QLBMessageCenterTable.exe");
+            EXPECT_EQ(e.imagePath, dir / "QLBMessageCenterTable.exe");
         }
     }
     EXPECT_TRUE(found);

@@ -109,21 +109,20 @@ class ProcessStart : public ::testing::Test {
 };
 
 TEST_F(ProcessStart, StartsABareNameFromTheProgramDirectoryDetached) {
-    InstallHelper(dir.path(), "QLBMessageCenter.exe");
+    InstallHelper(dir.path(), "Tessalink.exe");
     StartedProcess started;
-    ASSERT_EQ(PsStartProcessWithCurrentPrivilege(L"QLBMessageCenter.exe", &started.pid, 0), 1u);
+    ASSERT_EQ(PsStartProcessWithCurrentPrivilege(L"Tessalink.exe", &started.pid, 0), 1u);
     ASSERT_NE(started.pid, 0u);
     EXPECT_TRUE(qlb::testing::Running(static_cast<pid_t>(started.pid)));
     // Not a child of the caller: nothing here has to reap it.
     EXPECT_EQ(::waitpid(static_cast<pid_t>(started.pid), nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
-    EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(started.pid) + "/exe"),
-              dir / "QLBMessageCenter.exe");
+    EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(started.pid) + "/exe"), dir / "Tessalink.exe");
 }
 
 TEST_F(ProcessStart, AMissingProgramGivesZero) {
     DWORD pid = 0;
-    EXPECT_EQ(PsStartProcessWithCurrentPrivilege(L"QLBMessageCenter.exe", &pid, 0), 0u);
+    EXPECT_EQ(PsStartProcessWithCurrentPrivilege(L"Tessalink.exe", &pid, 0), 0u);
     EXPECT_EQ(pid, 0u);
     EXPECT_EQ(PsStartProcessWithCurrentPrivilege(nullptr, &pid, 0), 0u);
     EXPECT_EQ(PsStartProcessWithCurrentPrivilege(L"", &pid, 0), 0u);
@@ -133,10 +132,10 @@ TEST_F(ProcessStart, RunsAsTheUserOfTheActiveSessionWhenPrivileged) {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "needs root to start a program as another user";
     }
-    InstallHelper(dir.path(), "QLBMessageCenter.exe");
+    InstallHelper(dir.path(), "Tessalink.exe");
     ZVPROCESS::SetActiveSessionUserResolver([] { return std::string("nobody"); });
     StartedProcess started;
-    ASSERT_EQ(PsStartProcessWithCurrentPrivilege(L"QLBMessageCenter.exe", &started.pid, 0), 1u);
+    ASSERT_EQ(PsStartProcessWithCurrentPrivilege(L"Tessalink.exe", &started.pid, 0), 1u);
     const std::string uid = StatusField(started.pid, "Uid");
     EXPECT_EQ(uid.find("0\t"), std::string::npos) << uid;
     EXPECT_NE(uid.find("65534"), std::string::npos) << uid;
@@ -152,10 +151,10 @@ TEST_F(ProcessStart, AnUnknownSessionUserFailsTheStart) {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "an unprivileged service starts programs as itself";
     }
-    InstallHelper(dir.path(), "QLBMessageCenter.exe");
+    InstallHelper(dir.path(), "Tessalink.exe");
     ZVPROCESS::SetActiveSessionUserResolver([] { return std::string("no-such-user-qlb"); });
     DWORD pid = 0;
-    EXPECT_EQ(PsStartProcessWithCurrentPrivilege(L"QLBMessageCenter.exe", &pid, 0), 0u);
+    EXPECT_EQ(PsStartProcessWithCurrentPrivilege(L"Tessalink.exe", &pid, 0), 0u);
 }
 
 TEST_F(ProcessStart, SessionUserIsTheUserTheSessionLayerNamesForTheConsole) {
