@@ -5,6 +5,7 @@
 #include <mutex>
 #include <utility>
 
+#include "platform/sessions/session_source.h"
 #include "runtime/common/program_dir.h"
 
 namespace qlb::consent {
@@ -38,7 +39,7 @@ std::wstring CurrentUserSid() {
         std::lock_guard<std::mutex> lock(ProviderMutex());
         provider = Provider();
     }
-    return provider ? provider() : ProcessUserSid();
+    return provider ? provider() : ZVPROCESS::GetCurrentUserSidstr();
 }
 
 std::wstring ProcessUserSid() {

@@ -1,8 +1,9 @@
 #pragma once
 // Where the consent code learns whose records it reads and writes. The records live under the
-// current user's subkey of HKEY_USERS, named by the user's SID text. The session layer owns the
-// answer; until the service wires its provider, the SID of the process's own user is used
-// ("S-1-22-1-<uid>"), which is what a tool run by that user wants.
+// current user's subkey of HKEY_USERS, named by the user's SID text, which is plainly prefixed to every
+// key path. By default that is the user logged on at the console (the session layer's
+// ZVPROCESS::GetCurrentUserSidstr, empty when nobody is); tests and tools put their own provider in
+// place.
 
 #include <filesystem>
 #include <functional>
