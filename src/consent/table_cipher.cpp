@@ -54,55 +54,54 @@ template <unsigned R>
 
 using Buffer = std::unique_ptr<unsigned char[]>;
 
-struct State {
-    std::uint32_t w0, w1, w2, w3;
-};
-
-inline State LoadState(const unsigned char* in) {
-    return {LoadWord(in), LoadWord(in + 4), LoadWord(in + 8), LoadWord(in + 12)};
+template <unsigned R, unsigned S>
+[[gnu::always_inline]] inline std::uint32_t LookByte(unsigned char b) {
+    return kDecryptTable[(R * 16 + S) * 256 + b];
 }
 
-inline void StoreState(unsigned char* out, const State& s) {
-    StoreWord(out, s.w0);
-    StoreWord(out + 4, s.w1);
-    StoreWord(out + 8, s.w2);
-    StoreWord(out + 12, s.w3);
-}
-
-// Round R of four independent blocks, written one after another so that the processor overlaps their
-// table look-ups: the chained decryption is bound by load latency, not by the number of loads.
+// One round on a block held as bytes: byte k of word j is in[4j + k], so every look-up index is one
+// byte load, with no shifting and masking of words.
 template <unsigned R>
-[[gnu::always_inline]] inline void Round4(State& a, State& b, State& c, State& d) {
-    Round<R>(a.w0, a.w1, a.w2, a.w3);
-    Round<R>(b.w0, b.w1, b.w2, b.w3);
-    Round<R>(c.w0, c.w1, c.w2, c.w3);
-    Round<R>(d.w0, d.w1, d.w2, d.w3);
+[[gnu::always_inline]] inline void RoundBytes(const unsigned char* in, unsigned char* out) {
+    StoreWord(
+        out, LookByte<R, 0>(in[0]) ^ LookByte<R, 1>(in[13]) ^ LookByte<R, 2>(in[10]) ^ LookByte<R, 3>(in[7]));
+    StoreWord(out + 4, LookByte<R, 4>(in[4]) ^ LookByte<R, 5>(in[1]) ^ LookByte<R, 6>(in[14]) ^
+                           LookByte<R, 7>(in[11]));
+    StoreWord(out + 8, LookByte<R, 8>(in[8]) ^ LookByte<R, 9>(in[5]) ^ LookByte<R, 10>(in[2]) ^
+                           LookByte<R, 11>(in[15]));
+    StoreWord(out + 12, LookByte<R, 12>(in[12]) ^ LookByte<R, 13>(in[9]) ^ LookByte<R, 14>(in[6]) ^
+                            LookByte<R, 15>(in[3]));
 }
 
-// Decrypts four consecutive blocks (64 bytes) without chaining.
+template <unsigned R>
+[[gnu::always_inline]] inline void RoundBytes4(unsigned char (&from)[4][16], unsigned char (&to)[4][16]) {
+    RoundBytes<R>(from[0], to[0]);
+    RoundBytes<R>(from[1], to[1]);
+    RoundBytes<R>(from[2], to[2]);
+    RoundBytes<R>(from[3], to[3]);
+}
+
+// Decrypts four consecutive blocks (64 bytes) without chaining. The four look-up chains are
+// independent, so the processor overlaps them: decryption is bound by loads, not by their latency.
 void DecryptFourBlocks(const unsigned char* in, unsigned char* out) {
-    State a = LoadState(in);
-    State b = LoadState(in + 16);
-    State c = LoadState(in + 32);
-    State d = LoadState(in + 48);
-    Round4<0>(a, b, c, d);
-    Round4<1>(a, b, c, d);
-    Round4<2>(a, b, c, d);
-    Round4<3>(a, b, c, d);
-    Round4<4>(a, b, c, d);
-    Round4<5>(a, b, c, d);
-    Round4<6>(a, b, c, d);
-    Round4<7>(a, b, c, d);
-    Round4<8>(a, b, c, d);
-    Round4<9>(a, b, c, d);
-    Round4<10>(a, b, c, d);
-    Round4<11>(a, b, c, d);
-    Round4<12>(a, b, c, d);
-    Round4<13>(a, b, c, d);
-    StoreState(out, a);
-    StoreState(out + 16, b);
-    StoreState(out + 32, c);
-    StoreState(out + 48, d);
+    unsigned char a[4][16];
+    unsigned char b[4][16];
+    std::memcpy(a, in, sizeof a);
+    RoundBytes4<0>(a, b);
+    RoundBytes4<1>(b, a);
+    RoundBytes4<2>(a, b);
+    RoundBytes4<3>(b, a);
+    RoundBytes4<4>(a, b);
+    RoundBytes4<5>(b, a);
+    RoundBytes4<6>(a, b);
+    RoundBytes4<7>(b, a);
+    RoundBytes4<8>(a, b);
+    RoundBytes4<9>(b, a);
+    RoundBytes4<10>(a, b);
+    RoundBytes4<11>(b, a);
+    RoundBytes4<12>(a, b);
+    RoundBytes4<13>(b, a);
+    std::memcpy(out, a, sizeof a);
 }
 
 // Cleared buffer; null when memory is short.
