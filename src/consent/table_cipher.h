@@ -22,7 +22,8 @@ std::string DecryXmlFile(const std::wstring& path);
 std::uint32_t GetDecryptFileSize(const std::string& path);
 
 // Decrypts `length` bytes (a non-zero multiple of 16) chained on `iv` into `out`, which holds at least
-// `length` bytes, and checks the padding. 0 on success with *plainLength set, -1 on failure.
+// `length` bytes and does not overlap `cipher`, and checks the padding. 0 on success with *plainLength
+// set, -1 on failure.
 int DecryptCbc(const unsigned char* iv, const unsigned char* cipher, std::uint32_t length, unsigned char* out,
                std::uint32_t* plainLength);
 
