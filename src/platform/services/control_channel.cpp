@@ -248,6 +248,18 @@ void ControlListener::Stop() {
 }
 
 void ControlListener::Close() {
+    CloseListening();
+    if (wakeRead_ >= 0) {
+        ::close(wakeRead_);
+        wakeRead_ = -1;
+    }
+    if (wakeWrite_ >= 0) {
+        ::close(wakeWrite_);
+        wakeWrite_ = -1;
+    }
+}
+
+void ControlListener::CloseListening() {
     if (listenFd_ >= 0) {
         ::close(listenFd_);
         listenFd_ = -1;
@@ -257,14 +269,6 @@ void ControlListener::Close() {
             ::unlink(path_.c_str());
         }
         boundInode_ = 0;
-    }
-    if (wakeRead_ >= 0) {
-        ::close(wakeRead_);
-        wakeRead_ = -1;
-    }
-    if (wakeWrite_ >= 0) {
-        ::close(wakeWrite_);
-        wakeWrite_ = -1;
     }
 }
 

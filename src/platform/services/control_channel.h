@@ -43,7 +43,10 @@ class ControlListener {
     SysStatus Listen(const std::filesystem::path& socket);
     // Serves until Stop(); each request is answered with what `deliver` returns.
     void Serve(const ServiceProcessHost::Deliver& deliver);
+    // Callable from any thread, also once Serve has returned.
     void Stop();
+    // Stops listening and removes the socket; the wake-up pipe stays for a late Stop.
+    void CloseListening();
     void Close();
 
   private:

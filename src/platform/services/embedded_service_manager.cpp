@@ -231,7 +231,7 @@ SysStatus EmbeddedServiceProcessHost::SetStatus(const SERVICE_STATUS& status) {
 
 void EmbeddedServiceProcessHost::ServeControls(const Deliver& deliver) {
     listener_->Serve(deliver);
-    listener_->Close();
+    listener_->CloseListening();
 }
 
 void EmbeddedServiceProcessHost::StopServing() {

@@ -211,8 +211,8 @@ DWORD TestHandler(DWORD control, DWORD, void* data, void*) {
         InProcessService::lastSession = static_cast<WTSSESSION_NOTIFICATION*>(data)->dwSessionId;
     }
     if (control == SERVICE_CONTROL_STOP) {
-        g_status.dwCurrentState = SERVICE_STOP_PENDING;
-        (void)SetServiceStatus(InProcessService::handle, &g_status);
+        const SERVICE_STATUS pending{SERVICE_WIN32_OWN_PROCESS, SERVICE_STOP_PENDING, 0xC5, 0, 0, 1, 3000};
+        (void)SetServiceStatus(InProcessService::handle, &pending);
         g_stopRequested = true;
     }
     ++InProcessService::handled;
