@@ -3,6 +3,7 @@
 // and a service process host that records every status and hands controls to the dispatcher on
 // request. Header-only; tests include it directly.
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -173,13 +174,13 @@ class FakeServiceControlManager final : public ServiceControlManager {
 
 class FakeServiceProcessHost final : public ServiceProcessHost {
   public:
-    std::uint32_t attachError = 0;
-    std::uint32_t setStatusError = 0;
+    std::atomic<std::uint32_t> attachError{0};
+    std::atomic<std::uint32_t> setStatusError{0};
 
     SysStatus Attach(const std::wstring& name) override {
         std::lock_guard lock(mutex_);
         attachedName_ = name;
-        return SysStatus{attachError};
+        return SysStatus{attachError.load()};
     }
     SysStatus SetStatus(const SERVICE_STATUS& status) override {
         {
@@ -187,7 +188,7 @@ class FakeServiceProcessHost final : public ServiceProcessHost {
             statuses_.push_back(status);
         }
         cv_.notify_all();
-        return SysStatus{setStatusError};
+        return SysStatus{setStatusError.load()};
     }
     void ServeControls(const Deliver& deliver) override {
         std::unique_lock lock(mutex_);
