@@ -11,11 +11,10 @@ std::string GetPowerManagerIntellMode() {
     // A failed read leaves the text empty, which means the default.
     DE::Registry::GetValue(HKEY_LOCAL_MACHINE, kPowerManagerKey, kPowerManagerIntellModeValue, mode,
                            KEY_ALL_ACCESS);
-    std::string text = DE::UnicodeToANSI(mode);
-    if (text.empty()) {
-        text = "1";
+    if (mode.empty()) {
+        return std::string(1, '1');
     }
-    return text;
+    return DE::UnicodeToANSI(mode);
 }
 
 }  // namespace SystemEnvironment
