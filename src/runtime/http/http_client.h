@@ -2,17 +2,47 @@
 // The one HTTP(S) exchange of the product, over libcurl with OpenSSL: TLS is verified against the
 // system's CAs and, when the profile names one, its caFile. Every call is bounded by its timeouts.
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <map>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace qlb::http {
+
+// Request headers in the order they were first set, as they go on the wire; setting a name again
+// (compared without regard to case) replaces its value in place.
+class HeaderList {
+  public:
+    std::string& operator[](const std::string& name) {
+        for (auto& item : items_) {
+            if (item.first.size() == name.size() &&
+                std::equal(name.begin(), name.end(), item.first.begin(), [](char a, char b) {
+                    const auto lower = [](char c) {
+                        return (c >= 'A' && c <= 'Z') ? char(c - 'A' + 'a') : c;
+                    };
+                    return lower(a) == lower(b);
+                })) {
+                return item.second;
+            }
+        }
+        return items_.emplace_back(name, std::string{}).second;
+    }
+    auto begin() const { return items_.begin(); }
+    auto end() const { return items_.end(); }
+    bool empty() const { return items_.empty(); }
+    std::size_t size() const { return items_.size(); }
+
+  private:
+    std::vector<std::pair<std::string, std::string>> items_;
+};
 
 struct Request {
     std::string url;
     std::string method = "POST";  // "GET" or "POST"
-    std::map<std::string, std::string> headers;
+    HeaderList headers;
     std::string body;
     std::chrono::milliseconds connectTimeout{10000};
     std::chrono::milliseconds totalTimeout{30000};
