@@ -21,7 +21,9 @@ struct KeyError : std::runtime_error {
         : std::runtime_error("key \"" + key + "\": " + what) {}
 };
 
-const char* TypeName(const json& v) { return v.type_name(); }
+const char* TypeName(const json& v) {
+    return v.type_name();
+}
 
 std::string ReadString(const json& v, const std::string& key) {
     if (!v.is_string()) {
@@ -105,15 +107,18 @@ void Apply(const json& doc, const std::filesystem::path& base, MachineProfile& p
             p.runDir = ReadDir(v, key, base);
         } else if (key == "serviceManager") {
             p.serviceManager = ReadString(v, key);
-            if (p.serviceManager != "embedded" && p.serviceManager != "systemd" && p.serviceManager != "auto") {
-                throw KeyError(key, "expected \"embedded\", \"systemd\" or \"auto\", found \"" + p.serviceManager + "\"");
+            if (p.serviceManager != "embedded" && p.serviceManager != "systemd" &&
+                p.serviceManager != "auto") {
+                throw KeyError(key, "expected \"embedded\", \"systemd\" or \"auto\", found \"" +
+                                        p.serviceManager + "\"");
             }
         } else if (key == "capabilities") {
             RequireObject(v, key);
             for (const auto& [ck, cv] : v.items()) {
                 const std::string name = key + "." + ck;
                 if (ck == "plugins") {
-                    for (auto& s : ReadStringList(cv, name)) p.capabilities.plugins.insert(s);
+                    for (auto& s : ReadStringList(cv, name))
+                        p.capabilities.plugins.insert(s);
                 } else if (ck == "properties") {
                     RequireObject(cv, name);
                     for (const auto& [pk, pv] : cv.items()) {
@@ -169,8 +174,10 @@ void Apply(const json& doc, const std::filesystem::path& base, MachineProfile& p
         } else if (key == "ipcAllow") {
             RequireObject(v, key);
             IpcAllow allow;
-            if (v.contains("users")) allow.users = ReadStringList(v["users"], key + ".users");
-            if (v.contains("groups")) allow.groups = ReadStringList(v["groups"], key + ".groups");
+            if (v.contains("users"))
+                allow.users = ReadStringList(v["users"], key + ".users");
+            if (v.contains("groups"))
+                allow.groups = ReadStringList(v["groups"], key + ".groups");
             p.ipcAllow = std::move(allow);
         } else if (key == "sessions") {
             RequireObject(v, key);
@@ -259,11 +266,17 @@ ProfileLoadResult LoadMachineProfile(const std::filesystem::path& file) {
     return ParseMachineProfile(text.str(), file, baseDir);
 }
 
-std::filesystem::path DefaultProfilePath() { return ProgramDir() / "config" / "machine.json"; }
+std::filesystem::path DefaultProfilePath() {
+    return ProgramDir() / "config" / "machine.json";
+}
 
-const MachineProfile& MachineProfile::Current() { return LoadedHolder().profile; }
+const MachineProfile& MachineProfile::Current() {
+    return LoadedHolder().profile;
+}
 
-const std::string& MachineProfile::LoadError() { return LoadedHolder().error; }
+const std::string& MachineProfile::LoadError() {
+    return LoadedHolder().error;
+}
 
 void MachineProfile::SetCurrent(MachineProfile profile) {
     auto& h = Holder();

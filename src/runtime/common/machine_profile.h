@@ -14,7 +14,7 @@
 namespace qlb {
 
 struct Capabilities {
-    std::set<std::string> plugins;                              // "BigData", "DumpReport", "QDS", ...
+    std::set<std::string> plugins;                               // "BigData", "DumpReport", "QDS", ...
     std::map<std::string, std::vector<std::string>> properties;  // "ZVLoginGuide": ["china"]
 };
 

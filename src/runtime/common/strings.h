@@ -32,7 +32,9 @@ std::wstring ToLowerAscii(std::wstring_view text);
 std::string ToLowerAscii(std::string_view text);
 
 // Narrow text of a wide string for log lines.
-inline std::string W2U(std::wstring_view text) { return DE::UnicodeToANSI(text); }
+inline std::string W2U(std::wstring_view text) {
+    return DE::UnicodeToANSI(text);
+}
 
 std::vector<std::string> Split(std::string_view text, char separator);
 
