@@ -31,7 +31,7 @@ function(qlb_test name)
     cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;LABELS" ${ARGN})
     add_executable(${name} ${ARG_SOURCES})
     set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
-    target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest_main)
+    target_link_libraries(${name} PRIVATE ${ARG_DEPS} qlb_test_support GTest::gmock GTest::gtest_main)
     target_compile_definitions(${name} PRIVATE QLB_PROGRAM_DIR="${QLB_PROGRAM_DIR}"
                                                QLB_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
     if(NOT ARG_LABELS)

@@ -11,7 +11,7 @@
 
 #include "runtime/registry/registry_store.h"
 #include "runtime/registry/registry_watch.h"
-#include "temp_dir.h"
+#include "support/temp_dir.h"
 
 namespace DE {
 namespace {
@@ -28,7 +28,7 @@ class DeRegistryTest : public ::testing::Test {
     }
     void TearDown() override { RegistryStore::SetDefault(nullptr); }
 
-    qlb::registry::testing::TempDir dir_;
+    qlb::testing::TempDir dir_;
     std::shared_ptr<RegistryStore> store_;
 };
 
@@ -175,7 +175,7 @@ TEST_F(DeRegistryTest, WatchOnTheProcessStoreSeesStaticWrites) {
 
 // Without a store given, the process opens the one the machine profile names, on first use.
 TEST(DeRegistryDefaultStoreTest, OpensTheMachineProfilesStoreLazily) {
-    qlb::registry::testing::TempDir dir;
+    qlb::testing::TempDir dir;
     const auto saved = qlb::MachineProfile::Current();
     qlb::MachineProfile profile = saved;
     profile.registry = dir / "var" / "lib" / "registry.db";
@@ -194,7 +194,7 @@ TEST(DeRegistryDefaultStoreTest, OpensTheMachineProfilesStoreLazily) {
 }
 
 TEST(DeRegistryDefaultStoreTest, UnreadableStoreMakesEveryCallFail) {
-    qlb::registry::testing::TempDir dir;
+    qlb::testing::TempDir dir;
     const auto saved = qlb::MachineProfile::Current();
     qlb::MachineProfile profile = saved;
     profile.registry = dir / "registry.db";

@@ -7,10 +7,10 @@
 #include <memory>
 #include <set>
 
-#include "child_process.h"
+#include "support/child_process.h"
 #include "runtime/registry/registry_store.h"
 #include "runtime/registry/registry_watch.h"
-#include "temp_dir.h"
+#include "support/temp_dir.h"
 
 namespace qlb::registry {
 namespace {

@@ -7,7 +7,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "temp_dir.h"
+#include "support/temp_dir.h"
 
 namespace qlb::registry {
 namespace {

@@ -6,7 +6,7 @@
 
 #include <thread>
 
-#include "temp_dir.h"
+#include "support/temp_dir.h"
 
 namespace qlb::registry {
 namespace {

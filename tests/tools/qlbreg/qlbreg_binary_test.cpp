@@ -7,7 +7,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "../../runtime/registry/temp_dir.h"
+#include "support/temp_dir.h"
 #include "runtime/registry/registry_store.h"
 
 namespace {
@@ -49,7 +49,7 @@ class QlbregBinaryTest : public ::testing::Test {
         return run;
     }
 
-    qlb::registry::testing::TempDir dir_;
+    qlb::testing::TempDir dir_;
 };
 
 TEST_F(QlbregBinaryTest, AddQueryDeleteRoundTrip) {

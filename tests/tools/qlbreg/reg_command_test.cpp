@@ -7,7 +7,7 @@
 
 #include <sstream>
 
-#include "../../runtime/registry/temp_dir.h"
+#include "support/temp_dir.h"
 
 namespace qlb::regtool {
 namespace {
@@ -49,7 +49,7 @@ class RegCommandTest : public ::testing::Test {
         return read ? std::optional<RegValue>(read.value) : std::nullopt;
     }
 
-    registry::testing::TempDir dir_;
+    qlb::testing::TempDir dir_;
     std::shared_ptr<RegistryStore> store_;
     int opens_ = 0;
 };

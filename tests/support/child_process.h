@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-namespace qlb::registry::testing {
+namespace qlb::testing {
 
 class ChildProcess {
   public:
@@ -117,4 +117,4 @@ class ChildProcess {
     std::optional<int> status_;
 };
 
-}  // namespace qlb::registry::testing
+}  // namespace qlb::testing

@@ -7,12 +7,12 @@
 #include <filesystem>
 #include <string>
 
-namespace qlb::registry::testing {
+namespace qlb::testing {
 
 class TempDir {
   public:
     TempDir() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "qlbreg-test-XXXXXX").string();
+        std::string pattern = (std::filesystem::temp_directory_path() / "qlb-test-XXXXXX").string();
         if (mkdtemp(pattern.data()) != nullptr) {
             path_ = pattern;
         }
@@ -31,4 +31,4 @@ class TempDir {
     std::filesystem::path path_;
 };
 
-}  // namespace qlb::registry::testing
+}  // namespace qlb::testing
