@@ -1,5 +1,6 @@
 #include "runtime/common/strings.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <cwctype>
@@ -171,26 +172,20 @@ template <typename C>
 C LowerAscii(C c) {
     return (c >= 'A' && c <= 'Z') ? static_cast<C>(c - 'A' + 'a') : c;
 }
+
+template <typename C>
+bool EqualsNoCaseOf(std::basic_string_view<C> a, std::basic_string_view<C> b) noexcept {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                      [](C x, C y) { return LowerAscii(x) == LowerAscii(y); });
+}
 }  // namespace
 
 bool EqualsNoCase(std::wstring_view a, std::wstring_view b) noexcept {
-    if (a.size() != b.size())
-        return false;
-    for (size_t i = 0; i < a.size(); ++i) {
-        if (LowerAscii(a[i]) != LowerAscii(b[i]))
-            return false;
-    }
-    return true;
+    return EqualsNoCaseOf(a, b);
 }
 
 bool EqualsNoCase(std::string_view a, std::string_view b) noexcept {
-    if (a.size() != b.size())
-        return false;
-    for (size_t i = 0; i < a.size(); ++i) {
-        if (LowerAscii(a[i]) != LowerAscii(b[i]))
-            return false;
-    }
-    return true;
+    return EqualsNoCaseOf(a, b);
 }
 
 std::wstring ToLowerAscii(std::wstring_view text) {
