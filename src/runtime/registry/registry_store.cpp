@@ -123,6 +123,22 @@ std::uint32_t ErrorOfSqlite(int rc) {
     }
 }
 
+// Prepares a query, steps it once and hands a row, if any, to `read`; the result of the step, or of the
+// preparation when that failed.
+template <typename Fn>
+int QueryOneRow(sqlite3* db, const char* sql, Fn&& read) {
+    sqlite3_stmt* stmt = nullptr;
+    int rc = sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr);
+    if (rc == SQLITE_OK) {
+        rc = sqlite3_step(stmt);
+        if (rc == SQLITE_ROW) {
+            read(stmt);
+        }
+    }
+    sqlite3_finalize(stmt);
+    return rc;
+}
+
 struct DefaultStore {
     std::mutex mutex;
     std::shared_ptr<RegistryStore> store;
@@ -180,8 +196,28 @@ class RegistryStore::Statement {
             return p ? std::vector<std::uint8_t>(p, p + sqlite3_column_bytes(stmt, i))
                      : std::vector<std::uint8_t>();
         }
+        // A value row: name, type, data.
+        RegValue Value() const {
+            RegValue value;
+            value.name = DE::ANSIToUnicode(ColumnText(0));
+            value.type = static_cast<DWORD>(ColumnInt(1));
+            if (IsTextType(value.type)) {
+                value.text = DE::ANSIToUnicode(ColumnText(2));
+            } else if (IsNumberType(value.type)) {
+                value.number = static_cast<std::uint64_t>(ColumnInt(2));
+            } else {
+                value.bytes = ColumnBlob(2);
+            }
+            return value;
+        }
     };
     Use Start() { return Use(stmt_); }
+    // Steps a statement that takes one key id once and resets it; the result of the step.
+    int Run(std::int64_t id) {
+        auto use = Start();
+        use.Int(1, id);
+        return use.Step();
+    }
 
   private:
     sqlite3_stmt* stmt_;
@@ -194,35 +230,19 @@ struct RegistryStore::KeyChain {
 };
 
 RegValue RegValue::String(std::wstring name, std::wstring text, DWORD type) {
-    RegValue v;
-    v.name = std::move(name);
-    v.type = type;
-    v.text = std::move(text);
-    return v;
+    return {.name = std::move(name), .type = type, .text = std::move(text), .number = 0, .bytes = {}};
 }
 
 RegValue RegValue::Dword(std::wstring name, DWORD number) {
-    RegValue v;
-    v.name = std::move(name);
-    v.type = REG_DWORD;
-    v.number = number;
-    return v;
+    return {.name = std::move(name), .type = REG_DWORD, .text = {}, .number = number, .bytes = {}};
 }
 
 RegValue RegValue::Qword(std::wstring name, std::uint64_t number) {
-    RegValue v;
-    v.name = std::move(name);
-    v.type = kRegQword;
-    v.number = number;
-    return v;
+    return {.name = std::move(name), .type = kRegQword, .text = {}, .number = number, .bytes = {}};
 }
 
 RegValue RegValue::Binary(std::wstring name, std::vector<std::uint8_t> bytes, DWORD type) {
-    RegValue v;
-    v.name = std::move(name);
-    v.type = type;
-    v.bytes = std::move(bytes);
-    return v;
+    return {.name = std::move(name), .type = type, .text = {}, .number = 0, .bytes = std::move(bytes)};
 }
 
 RegistryStore::RegistryStore(std::filesystem::path file, sqlite3* db) : file_(std::move(file)), db_(db) {}
@@ -273,41 +293,32 @@ SysResult<std::shared_ptr<RegistryStore>> RegistryStore::Open(const std::filesys
     sqlite3_busy_timeout(db, options.busyTimeoutMs);
 
     // Only an empty database becomes a store; one with other tables is somebody else's file.
-    sqlite3_stmt* probe = nullptr;
-    int rc = sqlite3_prepare_v2(db,
-                                "SELECT (SELECT count(*) FROM sqlite_master),"
-                                " (SELECT count(*) FROM sqlite_master WHERE type='table' AND name='meta')",
-                                -1, &probe, nullptr);
     std::int64_t objects = 0;
     std::int64_t hasMeta = 0;
-    if (rc == SQLITE_OK) {
-        rc = sqlite3_step(probe);
-        if (rc == SQLITE_ROW) {
-            objects = sqlite3_column_int64(probe, 0);
-            hasMeta = sqlite3_column_int64(probe, 1);
-            rc = SQLITE_OK;
-        }
-    }
-    sqlite3_finalize(probe);
-    if (rc != SQLITE_OK) {
+    int rc = QueryOneRow(db,
+                         "SELECT (SELECT count(*) FROM sqlite_master),"
+                         " (SELECT count(*) FROM sqlite_master WHERE type='table' AND name='meta')",
+                         [&](sqlite3_stmt* probe) {
+                             objects = sqlite3_column_int64(probe, 0);
+                             hasMeta = sqlite3_column_int64(probe, 1);
+                         });
+    if (rc != SQLITE_ROW) {
         return Result::Fail(ErrorOfSqlite(rc));
     }
     if (objects > 0) {
         if (hasMeta == 0) {
             return Result::Fail(win::ERROR_BADDB);
         }
-        sqlite3_stmt* format = nullptr;
-        rc = sqlite3_prepare_v2(db,
-                                "SELECT (SELECT value FROM meta WHERE name='format'),"
-                                " (SELECT value FROM meta WHERE name='version')",
-                                -1, &format, nullptr);
         bool ours = false;
-        if (rc == SQLITE_OK && sqlite3_step(format) == SQLITE_ROW) {
-            const auto* name = reinterpret_cast<const char*>(sqlite3_column_text(format, 0));
-            ours = name != nullptr && std::strcmp(name, kFormatName) == 0 &&
-                   sqlite3_column_int(format, 1) >= 1 && sqlite3_column_int(format, 1) <= kFormatVersion;
-        }
-        sqlite3_finalize(format);
+        QueryOneRow(db,
+                    "SELECT (SELECT value FROM meta WHERE name='format'),"
+                    " (SELECT value FROM meta WHERE name='version')",
+                    [&](sqlite3_stmt* format) {
+                        const auto* name = reinterpret_cast<const char*>(sqlite3_column_text(format, 0));
+                        ours = name != nullptr && std::strcmp(name, kFormatName) == 0 &&
+                               sqlite3_column_int(format, 1) >= 1 &&
+                               sqlite3_column_int(format, 1) <= kFormatVersion;
+                    });
         if (!ours) {
             return Result::Fail(win::ERROR_BADDB);
         }
@@ -616,15 +627,7 @@ SysResult<RegValue> RegistryStore::GetValue(HKEY root, std::wstring_view path, s
         if (rc != SQLITE_ROW) {
             return MapError(rc);
         }
-        value.name = DE::ANSIToUnicode(get.ColumnText(0));
-        value.type = static_cast<DWORD>(get.ColumnInt(1));
-        if (IsTextType(value.type)) {
-            value.text = DE::ANSIToUnicode(get.ColumnText(2));
-        } else if (IsNumberType(value.type)) {
-            value.number = static_cast<std::uint64_t>(get.ColumnInt(2));
-        } else {
-            value.bytes = get.ColumnBlob(2);
-        }
+        value = get.Value();
         return SysStatus::Ok();
     });
     return status ? SysResult<RegValue>::Ok(std::move(value)) : SysResult<RegValue>::Fail(status.error);
@@ -696,9 +699,7 @@ SysStatus RegistryStore::DeleteKey(HKEY root, std::wstring_view path) {
             return SysStatus::Fail(win::ERROR_ACCESS_DENIED);
         }
         {
-            auto child = hasChild_->Start();
-            child.Int(1, chain.Leaf());
-            const int rc = child.Step();
+            const int rc = hasChild_->Run(chain.Leaf());
             if (rc == SQLITE_ROW) {
                 return SysStatus::Fail(win::ERROR_ACCESS_DENIED);
             }
@@ -708,9 +709,7 @@ SysStatus RegistryStore::DeleteKey(HKEY root, std::wstring_view path) {
         }
         keyCache_.clear();
         for (auto* stmt : {deleteTreeValues_.get(), deleteKey_.get()}) {
-            auto del = stmt->Start();
-            del.Int(1, chain.Leaf());
-            if (const int rc = del.Step(); rc != SQLITE_DONE) {
+            if (const int rc = stmt->Run(chain.Leaf()); rc != SQLITE_DONE) {
                 return MapError(rc);
             }
         }
@@ -730,9 +729,7 @@ SysStatus RegistryStore::DeleteTree(HKEY root, std::wstring_view path) {
         }
         keyCache_.clear();
         for (auto* stmt : {deleteTreeValues_.get(), deleteTreeKeys_.get()}) {
-            auto del = stmt->Start();
-            del.Int(1, chain.Leaf());
-            if (const int rc = del.Step(); rc != SQLITE_DONE) {
+            if (const int rc = stmt->Run(chain.Leaf()); rc != SQLITE_DONE) {
                 return MapError(rc);
             }
         }
@@ -770,17 +767,7 @@ SysResult<std::vector<RegValue>> RegistryStore::EnumValues(HKEY root, std::wstri
         list.Int(1, chain.Leaf());
         int rc = SQLITE_ROW;
         while ((rc = list.Step()) == SQLITE_ROW) {
-            RegValue value;
-            value.name = DE::ANSIToUnicode(list.ColumnText(0));
-            value.type = static_cast<DWORD>(list.ColumnInt(1));
-            if (IsTextType(value.type)) {
-                value.text = DE::ANSIToUnicode(list.ColumnText(2));
-            } else if (IsNumberType(value.type)) {
-                value.number = static_cast<std::uint64_t>(list.ColumnInt(2));
-            } else {
-                value.bytes = list.ColumnBlob(2);
-            }
-            values.push_back(std::move(value));
+            values.push_back(list.Value());
         }
         return rc == SQLITE_DONE ? SysStatus::Ok() : MapError(rc);
     });

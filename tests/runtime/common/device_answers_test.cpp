@@ -2,17 +2,14 @@
 // log directories, retail, and the memory note in the log.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "runtime/common/app_paths.h"
 #include "runtime/common/logging.h"
 #include "runtime/common/machine_profile.h"
 #include "runtime/common/show_memory.h"
 #include "runtime/common/soft_shelf.h"
+#include "support/files.h"
+#include "support/temp_dir.h"
 
 namespace {
 
@@ -21,24 +18,19 @@ class DeviceAnswers : public ::testing::Test {
     void TearDown() override { qlb::MachineProfile::SetCurrent(qlb::MachineProfile{}); }
 };
 
-TEST_F(DeviceAnswers, NothingIsSupportedByDefault) {
+TEST_F(DeviceAnswers, CapabilitiesVersionAndRetailComeFromTheProfileExactly) {
     auto* shelf = QLBSoftShelf::GetInstance();
     ASSERT_NE(shelf, nullptr);
     EXPECT_FALSE(shelf->IsSupportPlugin("BigData"));
     EXPECT_FALSE(shelf->IsSupportProperty("ZVLoginGuide", "china"));
     EXPECT_EQ(QuillbarVersionMgr::GetInstance()->GetAppVersion(), "1.0.0.0");
     EXPECT_FALSE(DE::IsRetailComputer());
-}
-
-TEST_F(DeviceAnswers, CapabilitiesComeFromTheProfileExactly) {
     qlb::MachineProfile profile;
     profile.capabilities.plugins = {"BigData", "DumpReport"};
     profile.capabilities.properties["ZVLoginGuide"] = {"india", "china"};
     profile.appVersion = "3.1.0.7";
     profile.retail = true;
     qlb::MachineProfile::SetCurrent(profile);
-    auto* shelf = QLBSoftShelf::GetInstance();
-    EXPECT_TRUE(shelf->IsSupportPlugin("BigData"));
     EXPECT_TRUE(shelf->IsSupportPlugin("DumpReport"));
     EXPECT_FALSE(shelf->IsSupportPlugin("bigdata"));  // names are exact
     EXPECT_FALSE(shelf->IsSupportPlugin("NoPurchaseSalesInventory"));
@@ -49,9 +41,10 @@ TEST_F(DeviceAnswers, CapabilitiesComeFromTheProfileExactly) {
     EXPECT_TRUE(DE::IsRetailComputer());
 }
 
-TEST_F(DeviceAnswers, AppDataPathEndsInASeparatorInEveryForm) {
+TEST_F(DeviceAnswers, AppDataEndsInASeparatorAndLogDirDoesNot) {
     qlb::MachineProfile profile;
     profile.appData = "/srv/m/app";
+    profile.logDir = "/srv/m/log/";
     qlb::MachineProfile::SetCurrent(profile);
     EXPECT_EQ(DE::GetAppDataPath(), L"/srv/m/app/");
     std::string narrow = "untouched";
@@ -60,25 +53,14 @@ TEST_F(DeviceAnswers, AppDataPathEndsInASeparatorInEveryForm) {
     std::wstring wide;
     EXPECT_EQ(DE::GetAppDataPath(wide), 0);
     EXPECT_EQ(wide, L"/srv/m/app/");
-}
-
-TEST_F(DeviceAnswers, EmptyAppDataIsAnErrorThatLeavesTheString) {
-    qlb::MachineProfile profile;
-    profile.appData = "";
-    qlb::MachineProfile::SetCurrent(profile);
-    std::string narrow = "untouched";
-    EXPECT_NE(DE::GetAppDataPath(narrow), 0);
-    EXPECT_EQ(narrow, "untouched");
-}
-
-TEST_F(DeviceAnswers, LogDirectoryHasNoTrailingSeparator) {
-    qlb::MachineProfile profile;
-    profile.logDir = "/srv/m/log/";
-    qlb::MachineProfile::SetCurrent(profile);
     EXPECT_EQ(LogUtil::GetCurrentDir(), "/srv/m/log");
-    EXPECT_EQ(LogUtil::GetCurrentDir() + "/dump/", "/srv/m/log/dump/");
+
+    profile.appData = "";
     profile.logDir = "/";
     qlb::MachineProfile::SetCurrent(profile);
+    narrow = "untouched";
+    EXPECT_NE(DE::GetAppDataPath(narrow), 0);
+    EXPECT_EQ(narrow, "untouched");
     EXPECT_EQ(LogUtil::GetCurrentDir(), "/");
 }
 
@@ -86,21 +68,16 @@ TEST_F(DeviceAnswers, ShowMemoryWritesLabelAndResidentSizeAtWarn) {
     const auto bytes = qlb::ResidentMemoryBytes();
     ASSERT_TRUE(bytes);
     EXPECT_GT(*bytes, 0u);
-
-    char pattern[] = "/tmp/qlb-mem-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    const std::filesystem::path dir = std::filesystem::path(pattern) / "log/";
+    qlb::testing::TempDir dir;
     qlb::logging::InitLogger("MemoryTest", std::string(QLB_SOURCE_DIR) + "/config/log4cplus.properties",
-                             dir.string());
+                             (dir / "log/").string());
     ShowMemory(L"Enter g_MsgClient.Initialize()");
     ShowMemory(nullptr);
-    std::ifstream in(dir / "MemoryTest.log");
-    std::string line;
-    std::getline(in, line);
-    std::filesystem::remove_all(pattern);
-    EXPECT_NE(line.find("WARN"), std::string::npos) << line;
-    EXPECT_NE(line.find("Enter g_MsgClient.Initialize() memory: "), std::string::npos) << line;
-    EXPECT_NE(line.find(" KB(ShowMemory)"), std::string::npos) << line;
+    const auto lines = qlb::testing::ReadLines(dir / "log" / "MemoryTest.log");
+    ASSERT_FALSE(lines.empty());
+    EXPECT_NE(lines[0].find("WARN"), std::string::npos) << lines[0];
+    EXPECT_NE(lines[0].find("Enter g_MsgClient.Initialize() memory: "), std::string::npos) << lines[0];
+    EXPECT_NE(lines[0].find(" KB(ShowMemory)"), std::string::npos) << lines[0];
 }
 
 }  // namespace

@@ -1,61 +1,43 @@
 // Log lines: the function name that ends every line, and a line written through the shipped
-// configuration as tests and operators read it.
+// configuration (or without it) as tests and operators read it.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "runtime/common/logging.h"
+#include "support/files.h"
+#include "support/temp_dir.h"
 
 namespace {
 
-using qlb::logging::FunctionName;
-
-TEST(FunctionNameOfSignature, DropsReturnTypeAndParameters) {
-    EXPECT_EQ(FunctionName("int CServiceManager::Install(const wchar_t*, int)"), "CServiceManager::Install");
-    EXPECT_EQ(FunctionName("void ServiceMain(DWORD, LPWSTR*)"), "ServiceMain");
-    EXPECT_EQ(FunctionName("Foo::Foo()"), "Foo::Foo");
-    EXPECT_EQ(FunctionName("main"), "main");
-}
-
-TEST(FunctionNameOfSignature, DropsQualifiersAfterTheParameters) {
-    EXPECT_EQ(FunctionName("virtual bool IPCServerProc::Call(const Item&) const"), "IPCServerProc::Call");
-    EXPECT_EQ(FunctionName("static LogMonitor& LogMonitor::Instance() noexcept"), "LogMonitor::Instance");
-}
-
-TEST(FunctionNameOfSignature, TemplateTypesInReturnAndParametersStayOut) {
-    EXPECT_EQ(FunctionName("std::map<int, std::string> ns::Make(std::vector<std::pair<int, int> >)"),
-              "ns::Make");
-    EXPECT_EQ(FunctionName("T Tf(T) [with T = int]"), "Tf");       // gcc
-    EXPECT_EQ(FunctionName("T Tf(T) [T = void (*)(int)]"), "Tf");  // clang
-}
-
-TEST(FunctionNameOfSignature, FunctionPointerParameters) {
-    EXPECT_EQ(FunctionName("void Register(void (*)(int), int)"), "Register");
-}
-
-TEST(FunctionNameOfSignature, LambdaIsNamedAfterItsFunction) {
-    EXPECT_EQ(FunctionName("S::M() const::<lambda(int)>"), "S::M");                             // gcc
-    EXPECT_EQ(FunctionName("main()::<lambda()>"), "main");                                      // gcc
-    EXPECT_EQ(FunctionName("auto S::M()::(anonymous class)::operator()(int) const"), "S::M");   // clang
-    EXPECT_EQ(FunctionName("auto S::M()::(lambda at a.cpp:3:9)::operator()() const"), "S::M");  // clang
-}
-
-TEST(FunctionNameOfSignature, AnonymousNamespaceIsLeftOut) {
-    EXPECT_EQ(FunctionName("void {anonymous}::Helper()"), "Helper");
-    EXPECT_EQ(FunctionName("void (anonymous namespace)::Helper(int)"), "Helper");
-    EXPECT_EQ(FunctionName("void {anonymous}::Worker::Run()"), "Worker::Run");
-    EXPECT_EQ(FunctionName("{anonymous}::Helper()::<lambda()>"), "Helper");
-}
-
-TEST(FunctionNameOfSignature, OperatorsKeepTheirSymbols) {
-    EXPECT_EQ(FunctionName("bool S::operator()(int) const"), "S::operator()");
-    EXPECT_EQ(FunctionName("bool S::operator<(const S&) const"), "S::operator<");
-    EXPECT_EQ(FunctionName("void operator delete(void*)"), "operator delete");
-    EXPECT_EQ(FunctionName("S::operator bool() const"), "S::operator bool");
+TEST(FunctionName, IsTheQualifiedNameAlone) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"int CServiceManager::Install(const wchar_t*, int)", "CServiceManager::Install"},
+        {"Foo::Foo()", "Foo::Foo"},
+        {"main", "main"},
+        {"virtual bool IPCServerProc::Call(const Item&) const", "IPCServerProc::Call"},
+        {"static LogMonitor& LogMonitor::Instance() noexcept", "LogMonitor::Instance"},
+        {"std::map<int, std::string> ns::Make(std::vector<std::pair<int, int> >)", "ns::Make"},
+        {"T Tf(T) [with T = int]", "Tf"},       // gcc
+        {"T Tf(T) [T = void (*)(int)]", "Tf"},  // clang
+        {"void Register(void (*)(int), int)", "Register"},
+        // A lambda is named after its function.
+        {"S::M() const::<lambda(int)>", "S::M"},                             // gcc
+        {"auto S::M()::(anonymous class)::operator()(int) const", "S::M"},   // clang
+        {"auto S::M()::(lambda at a.cpp:3:9)::operator()() const", "S::M"},  // clang
+        // The anonymous namespace is left out.
+        {"void {anonymous}::Helper()", "Helper"},
+        {"void (anonymous namespace)::Helper(int)", "Helper"},
+        {"void {anonymous}::Worker::Run()", "Worker::Run"},
+        {"{anonymous}::Helper()::<lambda()>", "Helper"},
+        // Operators keep their symbols.
+        {"bool S::operator()(int) const", "S::operator()"},
+        {"bool S::operator<(const S&) const", "S::operator<"},
+        {"void operator delete(void*)", "operator delete"},
+        {"S::operator bool() const", "S::operator bool"},
+    };
+    for (const auto& [signature, name] : cases) {
+        EXPECT_EQ(qlb::logging::FunctionName(signature), name) << signature;
+    }
 }
 
 void WriteStepLine() {
@@ -66,21 +48,13 @@ void WriteFailureLine() {
 }
 
 TEST(LogFile, LinesCarryLevelAndMessageWithFunctionName) {
-    char pattern[] = "/tmp/qlb-log-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    const std::filesystem::path dir = std::filesystem::path(pattern) / "log/";
+    qlb::testing::TempDir dir;
     qlb::logging::InitLogger("LoggingTest", std::string(QLB_SOURCE_DIR) + "/config/log4cplus.properties",
-                             dir.string());
+                             (dir / "log/").string());
     WriteStepLine();
     WriteFailureLine();
     LOG4CPLUS_INFO(GetLogger(), "below the threshold");
-
-    std::ifstream in(dir / "LoggingTest.log");
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    std::filesystem::remove_all(pattern);
+    const auto lines = qlb::testing::ReadLines(dir / "log" / "LoggingTest.log");
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_NE(lines[0].find(" WARN "), std::string::npos) << lines[0];
     EXPECT_NE(lines[0].find("step one 42(WriteStepLine)"), std::string::npos) << lines[0];
@@ -90,17 +64,14 @@ TEST(LogFile, LinesCarryLevelAndMessageWithFunctionName) {
 }
 
 TEST(LogFile, MissingConfigurationFallsBackToTheSameFile) {
-    char pattern[] = "/tmp/qlb-log-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    const std::filesystem::path dir = std::filesystem::path(pattern) / "nested/log/";
-    qlb::logging::InitLogger("FallbackTest", "/nonexistent/log4cplus.properties", dir.string());
+    qlb::testing::TempDir dir;
+    qlb::logging::InitLogger("FallbackTest", "/nonexistent/log4cplus.properties",
+                             (dir / "nested/log/").string());
     WriteStepLine();
-    std::ifstream in(dir / "FallbackTest.log");
-    std::string line;
-    std::getline(in, line);
-    std::filesystem::remove_all(pattern);
-    EXPECT_NE(line.find("WARN"), std::string::npos) << line;
-    EXPECT_NE(line.find("step one 42(WriteStepLine)"), std::string::npos) << line;
+    const auto lines = qlb::testing::ReadLines(dir / "nested" / "log" / "FallbackTest.log");
+    ASSERT_FALSE(lines.empty());
+    EXPECT_NE(lines[0].find("WARN"), std::string::npos) << lines[0];
+    EXPECT_NE(lines[0].find("step one 42(WriteStepLine)"), std::string::npos) << lines[0];
 }
 
 }  // namespace

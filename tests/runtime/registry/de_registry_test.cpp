@@ -1,4 +1,4 @@
-// DE::Registry over a store of the test's own.
+// DE::Registry over a store of the test's own, and over the store the machine profile names.
 
 #include "runtime/registry/de_registry.h"
 
@@ -8,7 +8,6 @@
 #include <thread>
 
 #include "runtime/common/machine_profile.h"
-
 #include "runtime/registry/registry_store.h"
 #include "runtime/registry/registry_watch.h"
 #include "support/temp_dir.h"
@@ -25,119 +24,86 @@ class DeRegistryTest : public ::testing::Test {
         ASSERT_TRUE(opened);
         store_ = opened.value;
         RegistryStore::SetDefault(store_);
+        reg_.SetRootKey(HKEY_USERS);
     }
     void TearDown() override { RegistryStore::SetDefault(nullptr); }
 
     qlb::testing::TempDir dir_;
     std::shared_ptr<RegistryStore> store_;
+    Registry reg_;
 };
 
-TEST_F(DeRegistryTest, StaticFormWritesAndReadsStringsAndNumbers) {
+TEST_F(DeRegistryTest, StaticFormReadsOnlyWhatWasWrittenWithItsType) {
     const std::wstring key = L"SOFTWARE\\Zorvane\\Tessalink";
     ASSERT_TRUE(Registry::SetValue(HKEY_LOCAL_MACHINE, key, L"UUID", std::wstring(L"abc-123")));
-    ASSERT_TRUE(Registry::SetValue(HKEY_LOCAL_MACHINE, key, L"install_flag", 1));
     ASSERT_TRUE(Registry::SetValue(HKEY_LOCAL_MACHINE, key, L"Start", DWORD{0xFFFFFFFE}));
-
     std::wstring text;
     EXPECT_TRUE(Registry::GetValue(HKEY_LOCAL_MACHINE, L"\\software\\zorvane\\tessalink", L"uuid", text));
     EXPECT_EQ(text, L"abc-123");
-    DWORD number = 0;
-    EXPECT_TRUE(Registry::GetValue(HKEY_LOCAL_MACHINE, key, L"install_flag", number));
-    EXPECT_EQ(number, 1u);
     int signedNumber = 0;
     EXPECT_TRUE(Registry::GetValue(HKEY_LOCAL_MACHINE, key, L"Start", signedNumber));
     EXPECT_EQ(signedNumber, -2);
-}
 
-TEST_F(DeRegistryTest, ReadingWithTheWrongTypeFailsAndLeavesTheOutputAlone) {
-    ASSERT_TRUE(Registry::SetValue(HKEY_LOCAL_MACHINE, L"T", L"s", std::wstring(L"5")));
-    ASSERT_TRUE(Registry::SetValue(HKEY_LOCAL_MACHINE, L"T", L"n", 5));
+    // A wrong type, a missing value or key, a bad root or path fail and leave the output alone.
     DWORD number = 77;
-    EXPECT_FALSE(Registry::GetValue(HKEY_LOCAL_MACHINE, L"T", L"s", number));
+    EXPECT_FALSE(Registry::GetValue(HKEY_LOCAL_MACHINE, key, L"UUID", number));
+    EXPECT_FALSE(Registry::GetValue(HKEY_LOCAL_MACHINE, L"Missing", L"Start", number));
     EXPECT_EQ(number, 77u);
-    std::wstring text = L"unchanged";
-    EXPECT_FALSE(Registry::GetValue(HKEY_LOCAL_MACHINE, L"T", L"n", text));
+    text = L"unchanged";
+    EXPECT_FALSE(Registry::GetValue(HKEY_LOCAL_MACHINE, key, L"Start", text));
+    EXPECT_FALSE(Registry::GetValue(HKEY_LOCAL_MACHINE, key, L"missing", text));
     EXPECT_EQ(text, L"unchanged");
-    EXPECT_FALSE(Registry::GetValue(HKEY_LOCAL_MACHINE, L"T", L"missing", text));
-    EXPECT_FALSE(Registry::GetValue(HKEY_LOCAL_MACHINE, L"Missing", L"n", number));
-}
-
-TEST_F(DeRegistryTest, StaticFormFailsOnBadRootsAndPaths) {
     EXPECT_FALSE(Registry::SetValue(0, L"x", L"v", 1));
     EXPECT_FALSE(Registry::SetValue(HKEY_LOCAL_MACHINE, L"a\\\\b", L"v", 1));
     EXPECT_FALSE(Registry::SetValue(HKEY_LOCAL_MACHINE, L"x", std::wstring(16384, L'n'), 1));
 }
 
-TEST_F(DeRegistryTest, ObjectWithoutRootFailsWithInvalidHandle) {
-    Registry reg;
-    EXPECT_FALSE(reg.KeyExists(L"SOFTWARE"));
-    EXPECT_EQ(reg.LastError(), win::ERROR_INVALID_HANDLE);
-    EXPECT_FALSE(reg.CreateKey(L"SOFTWARE"));
-    EXPECT_FALSE(reg.DeleteValue(L"x"));
+TEST_F(DeRegistryTest, ObjectFormReportsEachFailureKind) {
+    Registry unbound;
+    EXPECT_FALSE(unbound.CreateKey(L"SOFTWARE"));
+    EXPECT_EQ(unbound.LastError(), win::ERROR_INVALID_HANDLE);
     EXPECT_FALSE(store_->OpenKey(HKEY_LOCAL_MACHINE, L"SOFTWARE"));
-}
 
-TEST_F(DeRegistryTest, CreateKeyMakesParentsAndKeyExistsSeesThem) {
-    Registry reg;
-    reg.SetRootKey(HKEY_LOCAL_MACHINE);
-    EXPECT_FALSE(reg.KeyExists(L"SOFTWARE\\Zorvane\\Tessalink"));
-    EXPECT_EQ(reg.LastError(), win::ERROR_FILE_NOT_FOUND);
-    EXPECT_TRUE(reg.CreateKey(L"SOFTWARE\\Zorvane\\Tessalink"));
-    EXPECT_TRUE(reg.KeyExists(L"SOFTWARE\\Zorvane"));
-    EXPECT_TRUE(reg.KeyExists(L"software\\zorvane\\tessalink"));
-    // Creating an existing key succeeds.
-    EXPECT_TRUE(reg.CreateKey(L"SOFTWARE\\Zorvane"));
+    EXPECT_FALSE(reg_.KeyExists(L"S-1-5-18\\K"));
+    EXPECT_EQ(reg_.LastError(), win::ERROR_FILE_NOT_FOUND);
+    EXPECT_TRUE(reg_.CreateKey(L"S-1-5-18\\K\\Sub"));
+    EXPECT_TRUE(reg_.KeyExists(L"s-1-5-18\\k"));
+    EXPECT_FALSE(reg_.DeleteKey(L"S-1-5-18\\K"));
+    EXPECT_EQ(reg_.LastError(), win::ERROR_ACCESS_DENIED);
+    EXPECT_TRUE(reg_.RegDeleteAll(HKEY_USERS, L"S-1-5-18\\K"));
+    EXPECT_FALSE(reg_.KeyExists(L"S-1-5-18\\K"));
+    EXPECT_TRUE(reg_.KeyExists(L"S-1-5-18"));
+    EXPECT_FALSE(reg_.RegDeleteAll(L"S-1-5-18\\K"));
+    EXPECT_TRUE(reg_.EnumSubkeys(L"Missing").empty());
+    EXPECT_EQ(reg_.LastError(), win::ERROR_FILE_NOT_FOUND);
 }
 
 TEST_F(DeRegistryTest, DeleteValueWorksOnTheOpenedKeyOnly) {
     ASSERT_TRUE(Registry::SetValue(HKEY_USERS, L"S-1-5-18\\K", L"v", 1));
     ASSERT_TRUE(Registry::SetValue(HKEY_USERS, L"S-1-5-18\\Other", L"v", 1));
-    Registry reg;
-    reg.SetRootKey(HKEY_USERS);
-    EXPECT_FALSE(reg.DeleteValue(L"v"));  // nothing opened yet
-    ASSERT_TRUE(reg.OpenKey(L"S-1-5-18\\K"));
-    EXPECT_TRUE(reg.DeleteValue(L"V"));
-    EXPECT_FALSE(reg.DeleteValue(L"v"));
-    EXPECT_EQ(reg.LastError(), win::ERROR_FILE_NOT_FOUND);
+    EXPECT_FALSE(reg_.DeleteValue(L"v"));  // nothing opened yet
+    ASSERT_TRUE(reg_.OpenKey(L"S-1-5-18\\K"));
+    EXPECT_TRUE(reg_.DeleteValue(L"V"));
+    EXPECT_FALSE(reg_.DeleteValue(L"v"));
+    EXPECT_EQ(reg_.LastError(), win::ERROR_FILE_NOT_FOUND);
     DWORD number = 0;
     EXPECT_TRUE(Registry::GetValue(HKEY_USERS, L"S-1-5-18\\Other", L"v", number));
-
-    // A failed open closes the key it had.
-    EXPECT_FALSE(reg.OpenKey(L"S-1-5-18\\Nope"));
-    EXPECT_FALSE(reg.DeleteValue(L"v"));
-    EXPECT_EQ(reg.LastError(), win::ERROR_INVALID_HANDLE);
-}
-
-TEST_F(DeRegistryTest, OpenKeyWithCreateMakesTheKey) {
-    Registry reg;
-    EXPECT_FALSE(reg.OpenKey(HKEY_LOCAL_MACHINE, L"New\\Key"));
-    EXPECT_TRUE(reg.OpenKey(HKEY_LOCAL_MACHINE, L"New\\Key", true));
+    // A failed open closes the key it had; an open with create makes the key.
+    EXPECT_FALSE(reg_.OpenKey(L"S-1-5-18\\Nope"));
+    EXPECT_FALSE(reg_.DeleteValue(L"v"));
+    EXPECT_EQ(reg_.LastError(), win::ERROR_INVALID_HANDLE);
+    EXPECT_TRUE(reg_.OpenKey(HKEY_LOCAL_MACHINE, L"New\\Key", true));
     EXPECT_TRUE(store_->OpenKey(HKEY_LOCAL_MACHINE, L"New\\Key"));
 }
 
-TEST_F(DeRegistryTest, DeleteKeyAndRegDeleteAll) {
-    ASSERT_TRUE(Registry::SetValue(HKEY_USERS, L"S-1-22-1-1000\\Software\\Tessalink\\A", L"v", 1));
-    Registry reg;
-    reg.SetRootKey(HKEY_USERS);
-    EXPECT_FALSE(reg.DeleteKey(L"S-1-22-1-1000\\Software\\Tessalink"));
-    EXPECT_EQ(reg.LastError(), win::ERROR_ACCESS_DENIED);
-    EXPECT_TRUE(reg.RegDeleteAll(HKEY_USERS, L"S-1-22-1-1000\\Software\\Tessalink"));
-    EXPECT_FALSE(reg.KeyExists(L"S-1-22-1-1000\\Software\\Tessalink"));
-    EXPECT_TRUE(reg.KeyExists(L"S-1-22-1-1000\\Software"));
-    EXPECT_FALSE(reg.RegDeleteAll(L"S-1-22-1-1000\\Software\\Tessalink"));
-}
-
-TEST_F(DeRegistryTest, EnumerationListsSubkeysAndValueNames) {
-    ASSERT_TRUE(Registry::SetValue(HKEY_LOCAL_MACHINE, L"E\\b", L"x", 1));
-    ASSERT_TRUE(Registry::SetValue(HKEY_LOCAL_MACHINE, L"E\\A", L"x", 1));
-    ASSERT_TRUE(Registry::SetValue(HKEY_LOCAL_MACHINE, L"E", L"second", 1));
-    ASSERT_TRUE(Registry::SetValue(HKEY_LOCAL_MACHINE, L"E", L"first", 1));
-    Registry reg;
-    reg.SetRootKey(HKEY_LOCAL_MACHINE);
-    EXPECT_EQ(reg.EnumSubkeys(L"E"), (std::vector<std::wstring>{L"A", L"b"}));
-    EXPECT_EQ(reg.EnumValueNames(L"E"), (std::vector<std::wstring>{L"second", L"first"}));
-    EXPECT_TRUE(reg.EnumSubkeys(L"Missing").empty());
-    EXPECT_EQ(reg.LastError(), win::ERROR_FILE_NOT_FOUND);
+TEST_F(DeRegistryTest, EnumerationListsSubkeysByNameAndValuesByAge) {
+    for (const wchar_t* sub : {L"E\\b", L"E\\A"}) {
+        ASSERT_TRUE(Registry::SetValue(HKEY_USERS, sub, L"x", 1));
+    }
+    ASSERT_TRUE(Registry::SetValue(HKEY_USERS, L"E", L"second", 1));
+    ASSERT_TRUE(Registry::SetValue(HKEY_USERS, L"E", L"first", 1));
+    EXPECT_EQ(reg_.EnumSubkeys(L"E"), (std::vector<std::wstring>{L"A", L"b"}));
+    EXPECT_EQ(reg_.EnumValueNames(L"E"), (std::vector<std::wstring>{L"second", L"first"}));
 }
 
 TEST_F(DeRegistryTest, ThreadsOfOneProcessShareTheStoreSafely) {
@@ -146,21 +112,16 @@ TEST_F(DeRegistryTest, ThreadsOfOneProcessShareTheStoreSafely) {
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([t] {
-            const std::wstring key = L"Threads\\t" + std::to_wstring(t);
             for (int i = 0; i < kValues; ++i) {
-                Registry::SetValue(HKEY_LOCAL_MACHINE, key, L"v" + std::to_wstring(i), i);
-                DWORD back = 0;
-                Registry::GetValue(HKEY_LOCAL_MACHINE, key, L"v" + std::to_wstring(i), back);
+                Registry::SetValue(HKEY_USERS, L"T\\t" + std::to_wstring(t), L"v" + std::to_wstring(i), i);
             }
         });
     }
     for (auto& thread : threads) {
         thread.join();
     }
-    Registry reg;
-    reg.SetRootKey(HKEY_LOCAL_MACHINE);
     for (int t = 0; t < kThreads; ++t) {
-        EXPECT_EQ(reg.EnumValueNames(L"Threads\\t" + std::to_wstring(t)).size(),
+        EXPECT_EQ(reg_.EnumValueNames(L"T\\t" + std::to_wstring(t)).size(),
                   static_cast<std::size_t>(kValues));
     }
 }
@@ -174,34 +135,23 @@ TEST_F(DeRegistryTest, WatchOnTheProcessStoreSeesStaticWrites) {
 }
 
 // Without a store given, the process opens the one the machine profile names, on first use.
-TEST(DeRegistryDefaultStoreTest, OpensTheMachineProfilesStoreLazily) {
+TEST(DeRegistryDefaultStoreTest, OpensTheMachineProfilesStoreLazilyOrFailsEveryCall) {
     qlb::testing::TempDir dir;
     const auto saved = qlb::MachineProfile::Current();
     qlb::MachineProfile profile = saved;
     profile.registry = dir / "var" / "lib" / "registry.db";
     qlb::MachineProfile::SetCurrent(profile);
     RegistryStore::SetDefault(nullptr);
-
     EXPECT_FALSE(std::filesystem::exists(profile.registry));
     EXPECT_TRUE(Registry::SetValue(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Zorvane", L"v", 5));
-    EXPECT_TRUE(std::filesystem::exists(profile.registry));
     auto direct = RegistryStore::Open(profile.registry);
     ASSERT_TRUE(direct);
     EXPECT_EQ(direct.value->GetValue(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Zorvane", L"v").value.number, 5u);
 
-    RegistryStore::SetDefault(nullptr);
-    qlb::MachineProfile::SetCurrent(saved);
-}
-
-TEST(DeRegistryDefaultStoreTest, UnreadableStoreMakesEveryCallFail) {
-    qlb::testing::TempDir dir;
-    const auto saved = qlb::MachineProfile::Current();
-    qlb::MachineProfile profile = saved;
     profile.registry = dir / "registry.db";
     std::ofstream(profile.registry) << "not a registry, and never to be overwritten by one";
     qlb::MachineProfile::SetCurrent(profile);
     RegistryStore::SetDefault(nullptr);
-
     EXPECT_FALSE(Registry::SetValue(HKEY_LOCAL_MACHINE, L"K", L"v", 1));
     Registry reg;
     reg.SetRootKey(HKEY_LOCAL_MACHINE);

@@ -7,9 +7,9 @@
 #include <memory>
 #include <set>
 
-#include "support/child_process.h"
 #include "runtime/registry/registry_store.h"
 #include "runtime/registry/registry_watch.h"
+#include "support/child_process.h"
 #include "support/temp_dir.h"
 
 namespace qlb::registry {

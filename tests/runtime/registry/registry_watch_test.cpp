@@ -13,10 +13,10 @@ namespace {
 
 using Result = RegistryWatch::WaitResult;
 
-// Long enough that a missed wake-up would show, short enough to keep the suite quick; used only
-// where nothing is expected to happen.
+// Long enough that a missed wake-up would show; used only where nothing is expected to happen.
 constexpr DWORD kQuietMs = 400;
 constexpr DWORD kChangeMs = 20000;
+const std::wstring kService = L"SYSTEM\\CurrentControlSet\\Services\\QLBMainService";
 
 class WatchTest : public ::testing::Test {
   protected:
@@ -27,21 +27,18 @@ class WatchTest : public ::testing::Test {
         auto other = RegistryStore::Open(dir_ / "registry.db");
         ASSERT_TRUE(other);
         writer_ = other.value;
-        ASSERT_TRUE(
-            writer_->CreateKey(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Services\\QLBMainService"));
-        ASSERT_TRUE(
-            writer_->CreateKey(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Services\\QLBMainServiceX"));
+        ASSERT_TRUE(writer_->CreateKey(HKEY_LOCAL_MACHINE, kService));
+        ASSERT_TRUE(writer_->CreateKey(HKEY_LOCAL_MACHINE, kService + L"X"));
     }
-    std::unique_ptr<RegistryWatch> Watch(bool subtree, const std::wstring& key = kService) {
-        auto watch = RegistryWatch::Create(watcher_, HKEY_LOCAL_MACHINE, key, subtree);
+    std::unique_ptr<RegistryWatch> Watch(bool subtree) {
+        auto watch = RegistryWatch::Create(watcher_, HKEY_LOCAL_MACHINE, kService, subtree);
         EXPECT_TRUE(watch) << watch.error;
         return std::move(watch.value);
     }
-    void Set(const std::wstring& key, const std::wstring& name, DWORD value) {
-        ASSERT_TRUE(writer_->SetValue(HKEY_LOCAL_MACHINE, key, RegValue::Dword(name, value)));
+    void Set(const std::wstring& key, DWORD value) {
+        ASSERT_TRUE(writer_->SetValue(HKEY_LOCAL_MACHINE, key, RegValue::Dword(L"Start", value)));
     }
 
-    static inline const std::wstring kService = L"SYSTEM\\CurrentControlSet\\Services\\QLBMainService";
     testing::TempDir dir_;
     std::shared_ptr<RegistryStore> watcher_;
     std::shared_ptr<RegistryStore> writer_;
@@ -49,65 +46,51 @@ class WatchTest : public ::testing::Test {
 
 TEST_F(WatchTest, ValueWrittenByAnotherConnectionWakesTheWaiter) {
     auto watch = Watch(false);
-    std::thread writer([&] { Set(kService, L"Start", 4); });
+    std::thread writer([&] { Set(kService, 4); });
     EXPECT_EQ(watch->WaitForChange(kChangeMs), Result::Changed);
     writer.join();
 }
 
-TEST_F(WatchTest, ChangeBeforeTheWaitIsNotLost) {
-    auto watch = Watch(false);
-    Set(kService, L"Start", 2);
-    EXPECT_EQ(watch->WaitForChange(0), Result::Changed);
-}
-
-TEST_F(WatchTest, NothingChangedTimesOut) {
+TEST_F(WatchTest, ChangeIsKeptUntilRearmed) {
     auto watch = Watch(true);
     EXPECT_EQ(watch->WaitForChange(kQuietMs), Result::Timeout);
+    Set(kService, 2);  // before the wait: not lost
+    EXPECT_EQ(watch->WaitForChange(0), Result::Changed);
+    EXPECT_EQ(watch->WaitForChange(kChangeMs), Result::Changed);
+    ASSERT_TRUE(watch->Arm());
+    EXPECT_EQ(watch->WaitForChange(kQuietMs), Result::Timeout);
+    Set(kService, 3);
+    EXPECT_EQ(watch->WaitForChange(kChangeMs), Result::Changed);
 }
 
-TEST_F(WatchTest, ChangeBelowTheKeyWakesOnlyASubtreeWatch) {
+TEST_F(WatchTest, ChangeBelowTheKeyWakesOnlyASubtreeWatchAndSiblingsWakeNone) {
     auto key = Watch(false);
     auto tree = Watch(true);
-    Set(kService + L"\\Parameters\\Deep", L"x", 1);
+    Set(kService + L"X", 3);
+    EXPECT_EQ(tree->WaitForChange(kQuietMs), Result::Timeout);
+    Set(kService + L"\\Parameters\\Deep", 1);
     EXPECT_EQ(tree->WaitForChange(kChangeMs), Result::Changed);
     // The new "Parameters" subkey is a change of the key's names, so re-arm past that first.
     EXPECT_EQ(key->WaitForChange(kChangeMs), Result::Changed);
     ASSERT_TRUE(key->Arm());
-    Set(kService + L"\\Parameters\\Deep", L"x", 2);
+    Set(kService + L"\\Parameters\\Deep", 2);
     EXPECT_EQ(key->WaitForChange(kQuietMs), Result::Timeout);
 }
 
-TEST_F(WatchTest, SiblingWithTheSamePrefixDoesNotWake) {
-    auto watch = Watch(true);
-    Set(kService + L"X", L"Start", 3);
-    EXPECT_EQ(watch->WaitForChange(kQuietMs), Result::Timeout);
+TEST_F(WatchTest, DeletingTheWatchedKeyWakesEvenWhenItIsMadeAgain) {
+    for (const bool remake : {false, true}) {
+        SCOPED_TRACE(remake);
+        auto watch = Watch(false);
+        ASSERT_TRUE(writer_->DeleteTree(HKEY_LOCAL_MACHINE, kService));
+        if (remake) {
+            ASSERT_TRUE(writer_->CreateKey(HKEY_LOCAL_MACHINE, kService));
+        }
+        EXPECT_EQ(watch->WaitForChange(kChangeMs), Result::Changed);
+        ASSERT_TRUE(writer_->CreateKey(HKEY_LOCAL_MACHINE, kService));
+    }
 }
 
-TEST_F(WatchTest, DeletingTheWatchedKeyWakes) {
-    auto watch = Watch(true);
-    ASSERT_TRUE(writer_->DeleteTree(HKEY_LOCAL_MACHINE, kService));
-    EXPECT_EQ(watch->WaitForChange(kChangeMs), Result::Changed);
-}
-
-TEST_F(WatchTest, KeyDeletedAndMadeAgainStillCountsAsAChange) {
-    auto watch = Watch(false);
-    ASSERT_TRUE(writer_->DeleteKey(HKEY_LOCAL_MACHINE, kService));
-    ASSERT_TRUE(writer_->CreateKey(HKEY_LOCAL_MACHINE, kService));
-    EXPECT_EQ(watch->WaitForChange(kChangeMs), Result::Changed);
-}
-
-TEST_F(WatchTest, SeenChangeKeepsReportingUntilRearmed) {
-    auto watch = Watch(true);
-    Set(kService, L"Start", 2);
-    ASSERT_EQ(watch->WaitForChange(kChangeMs), Result::Changed);
-    EXPECT_EQ(watch->WaitForChange(kChangeMs), Result::Changed);
-    ASSERT_TRUE(watch->Arm());
-    EXPECT_EQ(watch->WaitForChange(kQuietMs), Result::Timeout);
-    Set(kService, L"Start", 3);
-    EXPECT_EQ(watch->WaitForChange(kChangeMs), Result::Changed);
-}
-
-TEST_F(WatchTest, CancelFromAnotherThreadEndsAnEndlessWait) {
+TEST_F(WatchTest, CancelFromAnotherThreadEndsAnEndlessWaitForGood) {
     auto watch = Watch(true);
     std::thread canceller([&] { watch->Cancel(); });
     EXPECT_EQ(watch->WaitForChange(INFINITE), Result::Cancelled);
@@ -115,9 +98,9 @@ TEST_F(WatchTest, CancelFromAnotherThreadEndsAnEndlessWait) {
     EXPECT_EQ(watch->WaitForChange(INFINITE), Result::Cancelled);
 }
 
-TEST_F(WatchTest, MissingKeyCannotBeWatched) {
-    auto watch = RegistryWatch::Create(watcher_, HKEY_LOCAL_MACHINE, L"SYSTEM\\Nope", true);
-    EXPECT_EQ(watch.error, win::ERROR_FILE_NOT_FOUND);
+TEST_F(WatchTest, MissingKeyOrStoreCannotBeWatched) {
+    EXPECT_EQ(RegistryWatch::Create(watcher_, HKEY_LOCAL_MACHINE, L"SYSTEM\\Nope", true).error,
+              win::ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(RegistryWatch::Create(nullptr, HKEY_LOCAL_MACHINE, L"SYSTEM", true).error,
               win::ERROR_INVALID_HANDLE);
 }
