@@ -6,10 +6,10 @@
 #include <nlohmann/json.hpp>
 
 #include <filesystem>
+#include <functional>
 #include <map>
-#include <memory>
+#include <optional>
 
-#include "consent/account_util.h"
 #include "consent/agreement_sign.h"
 #include "consent/consent_keys.h"
 #include "consent/explain_privacy_xml.h"
@@ -18,64 +18,60 @@
 #include "runtime/xml/zv_xml.h"
 #include "support/consent_test_env.h"
 #include "support/consent_test_peer.h"
-#include "support/tls_test_server.h"
 
 namespace qlb::consent::testing {
 namespace {
 
 using nlohmann::json;
+using qlb::testing::HttpExchange;
+using qlb::testing::HttpReply;
 
-TEST(VersionHelpers, KindSuffixIsCutAtTheFirstParenthesis) {
-    std::string version = "11.0.0.1(C233)";
-    ExplainPrivacyXml::VerSplitKind(version);
-    EXPECT_EQ(version, "11.0.0.1");
-    version = "11.0.0.1";
-    ExplainPrivacyXml::VerSplitKind(version);
-    EXPECT_EQ(version, "11.0.0.1");
-    version = "(x)";
-    ExplainPrivacyXml::VerSplitKind(version);
-    EXPECT_EQ(version, "");
+TEST(VersionHelpers, KindSuffixIsCutAndWhatIsLeftMustBeDigitsBetweenDots) {
+    const struct {
+        std::string version;
+        std::string cut;
+        bool valid;
+    } cases[] = {
+        {"11.0.0.1(C233)", "11.0.0.1", false},
+        {"11.0.0.1", "11.0.0.1", true},
+        {"(x)", "", false},
+        {"0", "0", true},
+        {"1..2", "1..2", true},
+        {"1.-2", "1.-2", false},
+        {"1.2 ", "1.2 ", false},
+    };
+    for (const auto& item : cases) {
+        std::string version = item.version;
+        ExplainPrivacyXml::VerSplitKind(version);
+        EXPECT_EQ(version, item.cut);
+        EXPECT_EQ(ExplainPrivacyXml::IsVersionValid(item.version), item.valid) << item.version;
+    }
 }
 
-TEST(VersionHelpers, ValidVersionsAreDigitsBetweenDots) {
-    EXPECT_TRUE(ExplainPrivacyXml::IsVersionValid("11.0.0.1"));
-    EXPECT_TRUE(ExplainPrivacyXml::IsVersionValid("0"));
-    EXPECT_TRUE(ExplainPrivacyXml::IsVersionValid("1..2"));
-    EXPECT_FALSE(ExplainPrivacyXml::IsVersionValid(""));
-    EXPECT_FALSE(ExplainPrivacyXml::IsVersionValid("11.0.0.1(C233)"));
-    EXPECT_FALSE(ExplainPrivacyXml::IsVersionValid("1.-2"));
-    EXPECT_FALSE(ExplainPrivacyXml::IsVersionValid("1.2 "));
-}
-
-TEST(VersionHelpers, LeadingBLettersAreDroppedFromBranchIds) {
-    std::string branch = "b12";
-    EXPECT_TRUE(ExplainPrivacyXml::SplitBFromBranchId(branch));
-    EXPECT_EQ(branch, "12");
-    branch = "bb7b";
-    EXPECT_TRUE(ExplainPrivacyXml::SplitBFromBranchId(branch));
-    EXPECT_EQ(branch, "7b");
-    branch = "12";
-    EXPECT_TRUE(ExplainPrivacyXml::SplitBFromBranchId(branch));
-    EXPECT_EQ(branch, "12");
-    branch = "B3";
-    EXPECT_TRUE(ExplainPrivacyXml::SplitBFromBranchId(branch));
-    EXPECT_EQ(branch, "B3");
-    branch = "bbb";
-    EXPECT_FALSE(ExplainPrivacyXml::SplitBFromBranchId(branch));
-    EXPECT_EQ(branch, "bbb");
-    branch = "";
-    EXPECT_FALSE(ExplainPrivacyXml::SplitBFromBranchId(branch));
+TEST(VersionHelpers, LeadingLowerCaseBsAreDroppedFromBranchIds) {
+    const struct {
+        std::string branch;
+        bool ok;
+        std::string after;
+    } cases[] = {{"b12", true, "12"}, {"bb7b", true, "7b"},  {"12", true, "12"},
+                 {"B3", true, "B3"},  {"bbb", false, "bbb"}, {"", false, ""}};
+    for (const auto& item : cases) {
+        std::string branch = item.branch;
+        EXPECT_EQ(ExplainPrivacyXml::SplitBFromBranchId(branch), item.ok) << item.branch;
+        EXPECT_EQ(branch, item.after);
+    }
 }
 
 TEST(VersionHelpers, VersionsCompareFieldByFieldAsNumbers) {
-    EXPECT_EQ(ExplainPrivacyXml::PCVersionCompare("1.2", "1.2.0"), 0);
-    EXPECT_EQ(ExplainPrivacyXml::PCVersionCompare("1.10", "1.9"), 1);
-    EXPECT_EQ(ExplainPrivacyXml::PCVersionCompare("1.9", "1.10"), 2);
-    EXPECT_EQ(ExplainPrivacyXml::PCVersionCompare("11.0.0.1", "0"), 1);
-    EXPECT_EQ(ExplainPrivacyXml::PCVersionCompare("", ""), 0);
-    EXPECT_EQ(ExplainPrivacyXml::PCVersionCompare("1..3", "1.0.3"), 0);
-    EXPECT_EQ(ExplainPrivacyXml::PCVersionCompare("2", "10"), 2);
-    EXPECT_EQ(ExplainPrivacyXml::PCVersionCompare("99999999999999", "1"), 1);
+    const struct {
+        const char* a;
+        const char* b;
+        int order;  // 0 equal, 1 a newer, 2 b newer
+    } cases[] = {{"1.2", "1.2.0", 0}, {"1.10", "1.9", 1},   {"1.9", "1.10", 2}, {"11.0.0.1", "0", 1},
+                 {"", "", 0},         {"1..3", "1.0.3", 0}, {"2", "10", 2},     {"99999999999999", "1", 1}};
+    for (const auto& item : cases) {
+        EXPECT_EQ(ExplainPrivacyXml::PCVersionCompare(item.a, item.b), item.order) << item.a << " " << item.b;
+    }
 }
 
 class PrivacyTest : public ConsentTest {};
@@ -96,66 +92,65 @@ class PrivacyNodeTest : public PrivacyTest {
         PrivacyTest::SetUp();
         ASSERT_EQ(document_.Parse(ShippedPrivacyXml()), 0);
     }
-    std::string Pick(const std::string& brand, const std::string& version, const std::string& country) {
-        const ZvXmlElement node =
-            ConsentTestPeer::InitLocalVersionAndBranchId(document_.RootElement(), brand, version, country);
-        return node.IsElementNull() ? "null" : node.FirstNode("branch_id").Value();
-    }
     ZvXMLDocument document_;
 };
 
 TEST_F(PrivacyNodeTest, FirstEntryNotAboveTheInstalledVersionApplies) {
-    EXPECT_EQ(Pick("zorvane", "12.1", "CN"), "b31");
-    EXPECT_EQ(Pick("zorvane", "12.0.0.0", "CN"), "b31");
-    EXPECT_EQ(Pick("zorvane", "11.9", "CN"), "b21");
-    EXPECT_EQ(Pick("zorvane", "10.2", "CN"), "b11");
-    EXPECT_EQ(Pick("zorvane", "3", "CN"), "b1");
-    EXPECT_EQ(Pick("lumira", "11.2.0.0", "JP"), "b52");
-}
-
-TEST_F(PrivacyNodeTest, CountryIsComparedExactlyAndAbsentCountryGivesNull) {
-    EXPECT_EQ(Pick("zorvane", "11.0", "cn"), "null");
-    EXPECT_EQ(Pick("zorvane", "11.0", "FR"), "null");
-    EXPECT_EQ(Pick("Zorvane", "11.0", "CN"), "null");
+    const struct {
+        const char* brand;
+        const char* version;
+        const char* country;
+        const char* branch;  // "null" when no entry applies
+    } cases[] = {
+        {"zorvane", "12.1", "CN", "b31"},
+        {"zorvane", "12.0.0.0", "CN", "b31"},
+        {"zorvane", "11.9", "CN", "b21"},
+        {"zorvane", "10.2", "CN", "b11"},
+        {"zorvane", "3", "CN", "b1"},
+        {"lumira", "11.2.0.0", "JP", "b52"},
+        // The country and the brand are compared exactly.
+        {"zorvane", "11.0", "cn", "null"},
+        {"zorvane", "11.0", "FR", "null"},
+        {"Zorvane", "11.0", "CN", "null"},
+        // Invalid input.
+        {"", "11.0", "CN", "null"},
+        {"zorvane", "11.0(x)", "CN", "null"},
+        {"zorvane", "11.0", "", "null"},
+    };
+    for (const auto& item : cases) {
+        const ZvXmlElement node = ConsentTestPeer::InitLocalVersionAndBranchId(
+            document_.RootElement(), item.brand, item.version, item.country);
+        EXPECT_EQ(node.IsElementNull() ? "null" : node.FirstNode("branch_id").Value(), item.branch)
+            << item.brand << " " << item.version << " " << item.country;
+    }
     EXPECT_TRUE(Logged("InitPrivacyVersionAndBranchId failed"));
-}
-
-TEST_F(PrivacyNodeTest, InvalidInputGivesNull) {
-    EXPECT_EQ(Pick("", "11.0", "CN"), "null");
-    EXPECT_EQ(Pick("zorvane", "11.0(x)", "CN"), "null");
-    EXPECT_EQ(Pick("zorvane", "11.0", ""), "null");
     EXPECT_TRUE(Logged("WARN Invalid input (ExplainPrivacyXml::InitLocalVersionAndBranchId)"));
 }
 
-TEST_F(PrivacyNodeTest, MissingCountryFallsBackToCommon) {
+TEST_F(PrivacyNodeTest, MissingCountryFallsBackToCommonAndAnUnknownBrandFails) {
     ZvXmlElement node;
     EXPECT_EQ(ConsentTestPeer::GetPrivacyNode("FR", document_, node), 0);
     EXPECT_EQ(node.FirstNode("branch_id").Value(), "b20");
-}
-
-TEST_F(PrivacyNodeTest, EmptyBrandFailsBothAttempts) {
     SetBrand("Other");
-    ZvXmlElement node;
     EXPECT_EQ(ConsentTestPeer::GetPrivacyNode("CN", document_, node), 1102);
     EXPECT_TRUE(node.IsElementNull());
 }
 
 TEST_F(PrivacyNodeTest, BrokenElementsEndTheWalkWithTheirLogLines) {
-    ZvXMLDocument doc;
-    ASSERT_EQ(doc.Parse(R"(<p><brand/><brand name="zorvane"/></p>)"), 0);
-    EXPECT_TRUE(ConsentTestPeer::InitLocalVersionAndBranchId(doc.RootElement(), "zorvane", "1", "CN")
-                    .IsElementNull());
-    EXPECT_TRUE(Logged("find brandNameAttribute name failed"));
-
-    ASSERT_EQ(doc.Parse(R"(<p><brand name="zorvane"><country name="CN"><PRIVACY/></country></brand></p>)"),
-              0);
-    EXPECT_TRUE(ConsentTestPeer::InitLocalVersionAndBranchId(doc.RootElement(), "zorvane", "1", "CN")
-                    .IsElementNull());
-    EXPECT_TRUE(Logged("get pcVersionNode failed"));
-
-    ASSERT_EQ(doc.Parse(R"(<p><brand name="zorvane"><country/><country name="CN"/></brand></p>)"), 0);
-    EXPECT_TRUE(ConsentTestPeer::InitLocalVersionAndBranchId(doc.RootElement(), "zorvane", "1", "CN")
-                    .IsElementNull());
+    const std::pair<const char*, const char*> cases[] = {
+        {R"(<p><brand/><brand name="zorvane"/></p>)", "find brandNameAttribute name failed"},
+        {R"(<p><brand name="zorvane"><country name="CN"><PRIVACY/></country></brand></p>)",
+         "get pcVersionNode failed"},
+        {R"(<p><brand name="zorvane"><country/><country name="CN"/></brand></p>)", ""},
+    };
+    for (const auto& [xml, line] : cases) {
+        ZvXMLDocument doc;
+        ASSERT_EQ(doc.Parse(xml), 0);
+        EXPECT_TRUE(ConsentTestPeer::InitLocalVersionAndBranchId(doc.RootElement(), "zorvane", "1", "CN")
+                        .IsElementNull())
+            << xml;
+        EXPECT_TRUE(Logged(line)) << line;
+    }
 }
 
 TEST_F(PrivacyNodeTest, EntryVersionAndBranchNeedBothElementsAndALegalBranch) {
@@ -178,158 +173,253 @@ TEST_F(PrivacyNodeTest, EntryVersionAndBranchNeedBothElementsAndALegalBranch) {
     EXPECT_FALSE(ConsentTestPeer::GetVersionFromPrivacyNode(ZvXmlElement(), version, branch));
 }
 
-// Whole refreshes.
+// Whole refreshes of the shipped document, installed 11.0.0.1 on a zorvane device.
 class RefreshTest : public PrivacyTest {
   protected:
     void SetUp() override {
         PrivacyTest::SetUp();
         InstallPrivacyDocument(ShippedPrivacyXml());
-        server_ = std::make_unique<TlsTestServer>(dir());
-        ASSERT_TRUE(server_->ok());
-        profile().caFile = server_->CertificateFile();
-        ApplyProfile();
-    }
-    void TearDown() override {
-        server_.reset();
-        PrivacyTest::TearDown();
-    }
-    void ConnectServer() {
-        profile().services[kAgreementServiceName] = {{kRlxKeyRoot, server_->BaseUrl()},
-                                                     {kRlxKeyCommonApi, server_->BaseUrl()}};
-        ApplyProfile();
+        StartServer();
     }
     // The server answers each branch id from the table; a branch it does not know gets 1011.
     void ServeVersions(std::map<int, std::string> replies) {
-        server_->SetHandler([replies](const TlsExchange& request) {
+        server().SetHandler([replies](const HttpExchange& request) {
             const json body = json::parse(request.body, nullptr, false);
             const int branch = body.is_discarded() ? -1 : body["agrInfo"][0]["branchId"].get<int>();
             const auto it = replies.find(branch);
-            return TlsReply::Json(it == replies.end() ? R"({"errorCode":1011})" : it->second);
+            return HttpReply{200, it == replies.end() ? R"({"errorCode":1011})" : it->second, {}};
         });
     }
-    static std::string Version(const std::string& version) {
-        return R"({"errorCode":0,"versionInfo":[{"agrType":133,"latestVersion":)" + version +
-               R"(},{"agrType":10021,"latestVersion":)" + version + "}]}";
-    }
-    std::vector<int> BranchesAsked() const {
+    std::vector<int> BranchesAsked() {
         std::vector<int> branches;
-        for (const auto& request : server_->Requests()) {
+        for (const auto& request : server().Requests()) {
             branches.push_back(json::parse(request.body)["agrInfo"][0]["branchId"].get<int>());
         }
         return branches;
     }
-    void ExpectVersions(const std::wstring& localKey, const std::wstring& qdsKey, const std::string& branch,
-                        const std::string& local, const std::string& country, const std::string& qds) {
-        EXPECT_EQ(UserValue(localKey, kBranchIdValue), branch);
-        EXPECT_EQ(UserValue(localKey, L"133"), local);
-        EXPECT_EQ(UserValue(localKey, L"10021"), local);
-        EXPECT_EQ(UserValue(qdsKey, kServerCountryValue), country);
-        EXPECT_EQ(UserValue(qdsKey, L"133"), qds);
-        EXPECT_EQ(UserValue(qdsKey, L"10021"), qds);
-    }
-    std::unique_ptr<TlsTestServer> server_;
 };
 
-TEST_F(RefreshTest, FirstRefreshWithoutNetworkWritesTheSaleCountrysLocalVersionsAndTheDefault) {
-    profile().region = {"US", "DE", "de-DE"};
+std::string Version(const std::string& version) {
+    return R"({"errorCode":0,"versionInfo":[{"agrType":133,"latestVersion":)" + version +
+           R"(},{"agrType":10021,"latestVersion":)" + version + "}]}";
+}
+
+// One refresh: the machine, the server's answers (none: no host), and what is written for each login
+// state. Both agreements always get the same version here.
+struct Refresh {
+    const char* what;
+    RegionProfile region;
+    bool loggedIn;
+    bool serverUpdated;
+    std::optional<std::map<int, std::string>> replies;
+    int code;
+    std::vector<int> branchesAsked;
+    bool writesLogin;
+    bool writesWithoutLogin;
+    std::string branch;
+    std::string local;
+    std::string country;
+    std::string qds;
+    std::optional<std::string> updatedFlag;  // the flag afterwards
+    std::string logLine;
+};
+
+const RegionProfile kChina{"CN", "CN", "zh-CN"};
+
+const Refresh kRefreshes[] = {
+    {"first refresh without network writes the sale country's local versions and the default",
+     {"US", "DE", "de-DE"},
+     false,
+     false,
+     std::nullopt,
+     0,
+     {},
+     false,
+     true,
+     "23",
+     "20220301",
+     "de",
+     "20190815",
+     std::nullopt,
+     "GetLatestVersion failed, set QDSversion = 20190815"},
+    {"default refresh while logged in writes both states",
+     kChina,
+     true,
+     false,
+     std::nullopt,
+     0,
+     {},
+     true,
+     true,
+     "21",
+     "20220615",
+     "cn",
+     "20190815",
+     std::nullopt,
+     "branch id is 0, qds version is 20190815"},
+    {"server saying the default takes the same path without setting the flag",
+     kChina,
+     false,
+     false,
+     std::map<int, std::string>{{0, Version("20190815")}},
+     0,
+     {0},
+     false,
+     true,
+     "21",
+     "20220615",
+     "cn",
+     "20190815",
+     std::nullopt,
+     ""},
+    {"newer server version on the first entry sets the flag and writes it",
+     kChina,
+     false,
+     false,
+     std::map<int, std::string>{{0, Version("20220615")}, {21, Version("20220615")}},
+     0,
+     {0, 21},
+     false,
+     true,
+     "21",
+     "20220615",
+     "cn",
+     "20220615",
+     "1",
+     "set status : qds server update"},
+    {"server version of the second entry makes its branch the one written",
+     kChina,
+     true,
+     false,
+     std::map<int, std::string>{
+         {0, Version("20200910")}, {21, Version("20200910")}, {11, Version("20200910")}},
+     0,
+     {0, 21, 11},
+     true,
+     false,
+     "11",
+     "20200910",
+     "cn",
+     "20200910",
+     "1",
+     ""},
+    {"code 1011 walks every entry and writes the first with server version 0",
+     kChina,
+     false,
+     false,
+     std::map<int, std::string>{{0, Version("20240301")}},
+     1011,
+     {0, 21, 11, 1},
+     false,
+     true,
+     "21",
+     "20220615",
+     "cn",
+     "0",
+     "1",
+     ""},
+    {"a malformed reply in the walk writes the local version as the server's",
+     kChina,
+     false,
+     false,
+     std::map<int, std::string>{{0, Version("20240301")}, {21, "{oops"}},
+     400,
+     {0, 21},
+     false,
+     true,
+     "21",
+     "20220615",
+     "cn",
+     "20220615",
+     "1",
+     ""},
+    {"once the flag is set no network ends the walk with code 2",
+     kChina,
+     false,
+     true,
+     std::nullopt,
+     2,
+     {},
+     false,
+     true,
+     "21",
+     "20220615",
+     "cn",
+     "0",
+     "1",
+     "QDS returned unknown error : 2"},
+    {"empty version info sets the flag and the walk goes on",
+     kChina,
+     false,
+     false,
+     std::map<int, std::string>{{0, R"({"errorCode":0,"versionInfo":[]})"}, {21, Version("20220615")}},
+     0,
+     {0, 21},
+     false,
+     true,
+     "21",
+     "20220615",
+     "cn",
+     "20220615",
+     "1",
+     ""},
+    {"a country missing from the brand uses common but writes its own country",
+     {"FR", "FR", "fr-FR"},
+     false,
+     true,
+     std::map<int, std::string>{{0, Version("20220101")}, {20, Version("20220101")}},
+     0,
+     {0, 20},
+     false,
+     true,
+     "20",
+     "20220101",
+     "fr",
+     "20220101",
+     "1",
+     ""},
+};
+
+class RefreshScenario : public RefreshTest, public ::testing::WithParamInterface<Refresh> {};
+
+TEST_P(RefreshScenario, WritesTheVersionsInForce) {
+    const Refresh& item = GetParam();
+    profile().region = item.region;
     ApplyProfile();
-    EXPECT_EQ(ExplainPrivacyXml::InitPrivacy(), 0);
-    // Installed 11.0.0.1 in DE: the 11.0.0.0 entry.
-    ExpectVersions(kWithoutLoginLocalVersionKey, kWithoutLoginQdsVersionKey, "23", "20220301", "de",
-                   "20190815");
-    EXPECT_FALSE(UserKeyExists(kWithLoginLocalVersionKey));
-    EXPECT_FALSE(UserValue(kAgreementServiceKey, kServerUpdatedFlagValue).has_value());
-    EXPECT_TRUE(Logged("GetLatestVersion failed, set QDSversion = 20190815"));
-    EXPECT_TRUE(Logged("branch id is 0, qds version is 20190815"));
+    if (item.loggedIn) {
+        SetLoggedIn(true);
+    }
+    if (item.serverUpdated) {
+        SetServerUpdated(true);
+    }
+    if (item.replies) {
+        ConnectServer();
+        ServeVersions(*item.replies);
+    }
+    EXPECT_EQ(ExplainPrivacyXml::InitPrivacy(), item.code);
+    EXPECT_EQ(BranchesAsked(), item.branchesAsked);
+    const std::pair<const wchar_t*, const wchar_t*> states[] = {
+        {kWithLoginLocalVersionKey, kWithLoginQdsVersionKey},
+        {kWithoutLoginLocalVersionKey, kWithoutLoginQdsVersionKey}};
+    for (const bool login : {true, false}) {
+        const auto [localKey, qdsKey] = states[login ? 0 : 1];
+        if (!(login ? item.writesLogin : item.writesWithoutLogin)) {
+            EXPECT_FALSE(UserKeyExists(localKey)) << login;
+            continue;
+        }
+        EXPECT_EQ(UserValue(localKey, kBranchIdValue), item.branch);
+        EXPECT_EQ(UserValue(localKey, L"133"), item.local);
+        EXPECT_EQ(UserValue(localKey, L"10021"), item.local);
+        EXPECT_EQ(UserValue(qdsKey, kServerCountryValue), item.country);
+        EXPECT_EQ(UserValue(qdsKey, L"133"), item.qds);
+        EXPECT_EQ(UserValue(qdsKey, L"10021"), item.qds);
+    }
+    EXPECT_EQ(UserValue(kAgreementServiceKey, kServerUpdatedFlagValue), item.updatedFlag);
+    EXPECT_EQ(ExplainPrivacyXml::CompareLocalAndQdsVersion(), item.local == item.qds);
+    EXPECT_TRUE(Logged(item.logLine)) << item.logLine;
 }
 
-TEST_F(RefreshTest, DefaultRefreshWhileLoggedInWritesBothStates) {
-    SetLoggedIn(true);
-    EXPECT_EQ(ExplainPrivacyXml::InitPrivacy(), 0);
-    ExpectVersions(kWithLoginLocalVersionKey, kWithLoginQdsVersionKey, "21", "20220615", "cn", "20190815");
-    ExpectVersions(kWithoutLoginLocalVersionKey, kWithoutLoginQdsVersionKey, "21", "20220615", "cn",
-                   "20190815");
-}
-
-TEST_F(RefreshTest, ServerSayingTheDefaultTakesTheSamePathWithoutSettingTheFlag) {
-    ConnectServer();
-    ServeVersions({{0, Version("20190815")}});
-    EXPECT_EQ(ExplainPrivacyXml::InitPrivacy(), 0);
-    EXPECT_EQ(BranchesAsked(), std::vector<int>{0});
-    EXPECT_FALSE(Logged("GetLatestVersion failed"));
-    ExpectVersions(kWithoutLoginLocalVersionKey, kWithoutLoginQdsVersionKey, "21", "20220615", "cn",
-                   "20190815");
-    EXPECT_FALSE(UserValue(kAgreementServiceKey, kServerUpdatedFlagValue).has_value());
-}
-
-TEST_F(RefreshTest, NewerServerVersionOnTheFirstEntrySetsTheFlagAndWritesIt) {
-    ConnectServer();
-    ServeVersions({{0, Version("20220615")}, {21, Version("20220615")}});
-    EXPECT_EQ(ExplainPrivacyXml::InitPrivacy(), 0);
-    EXPECT_EQ(BranchesAsked(), (std::vector<int>{0, 21}));
-    EXPECT_EQ(UserValue(kAgreementServiceKey, kServerUpdatedFlagValue), "1");
-    EXPECT_TRUE(Logged("set status : qds server update"));
-    ExpectVersions(kWithoutLoginLocalVersionKey, kWithoutLoginQdsVersionKey, "21", "20220615", "cn",
-                   "20220615");
-    EXPECT_TRUE(ExplainPrivacyXml::CompareLocalAndQdsVersion());
-}
-
-TEST_F(RefreshTest, ServerVersionOfTheSecondEntryMakesItsBranchTheOneWritten) {
-    SetLoggedIn(true);
-    ConnectServer();
-    ServeVersions({{0, Version("20200910")}, {21, Version("20200910")}, {11, Version("20200910")}});
-    EXPECT_EQ(ExplainPrivacyXml::InitPrivacy(), 0);
-    EXPECT_EQ(BranchesAsked(), (std::vector<int>{0, 21, 11}));
-    ExpectVersions(kWithLoginLocalVersionKey, kWithLoginQdsVersionKey, "11", "20200910", "cn", "20200910");
-    EXPECT_FALSE(UserKeyExists(kWithoutLoginLocalVersionKey));
-}
-
-TEST_F(RefreshTest, Code1011WalksEveryEntryAndWritesTheFirstWithServerZero) {
-    ConnectServer();
-    ServeVersions({{0, Version("20240301")}});
-    EXPECT_EQ(ExplainPrivacyXml::InitPrivacy(), 1011);
-    EXPECT_EQ(BranchesAsked(), (std::vector<int>{0, 21, 11, 1}));
-    ExpectVersions(kWithoutLoginLocalVersionKey, kWithoutLoginQdsVersionKey, "21", "20220615", "cn", "0");
-    EXPECT_FALSE(ExplainPrivacyXml::CompareLocalAndQdsVersion());
-    EXPECT_TRUE(Logged("ERROR The local version and QDS version are not the same "));
-}
-
-TEST_F(RefreshTest, MalformedReplyInTheWalkWritesTheLocalVersionAsTheServers) {
-    ConnectServer();
-    server_->SetHandler([this](const TlsExchange&) {
-        return server_->RequestCount() == 1 ? TlsReply::Json(Version("20240301")) : TlsReply::Json("{oops");
-    });
-    EXPECT_EQ(ExplainPrivacyXml::InitPrivacy(), 400);
-    ExpectVersions(kWithoutLoginLocalVersionKey, kWithoutLoginQdsVersionKey, "21", "20220615", "cn",
-                   "20220615");
-}
-
-TEST_F(RefreshTest, OnceTheFlagIsSetNoNetworkEndsTheWalkWithCode2) {
-    SetServerUpdated(true);
-    EXPECT_EQ(ExplainPrivacyXml::InitPrivacy(), 2);
-    EXPECT_TRUE(Logged("QDS returned unknown error : 2"));
-    ExpectVersions(kWithoutLoginLocalVersionKey, kWithoutLoginQdsVersionKey, "21", "20220615", "cn", "0");
-    EXPECT_EQ(UserValue(kAgreementServiceKey, kServerUpdatedFlagValue), "1");
-}
-
-TEST_F(RefreshTest, EmptyVersionInfoSetsTheFlagAndTheWalkGoesOn) {
-    ConnectServer();
-    ServeVersions({{0, R"({"errorCode":0,"versionInfo":[]})"}, {21, Version("20220615")}});
-    EXPECT_EQ(ExplainPrivacyXml::InitPrivacy(), 0);
-    EXPECT_EQ(UserValue(kAgreementServiceKey, kServerUpdatedFlagValue), "1");
-    EXPECT_EQ(UserValue(kWithoutLoginQdsVersionKey, L"10021"), "20220615");
-}
-
-TEST_F(RefreshTest, CountryMissingFromTheBrandUsesCommonButWritesItsOwnCountry) {
-    profile().region = {"FR", "FR", "fr-FR"};
-    ApplyProfile();
-    SetServerUpdated(true);
-    ConnectServer();
-    ServeVersions({{0, Version("20220101")}, {20, Version("20220101")}});
-    EXPECT_EQ(ExplainPrivacyXml::InitPrivacy(), 0);
-    ExpectVersions(kWithoutLoginLocalVersionKey, kWithoutLoginQdsVersionKey, "20", "20220101", "fr",
-                   "20220101");
-}
+INSTANTIATE_TEST_SUITE_P(Refreshes, RefreshScenario, ::testing::ValuesIn(kRefreshes));
 
 TEST_F(RefreshTest, IllegalBranchInTheWalkIsALocalFailure) {
     InstallPrivacyDocument(
@@ -344,29 +434,30 @@ TEST_F(RefreshTest, IllegalBranchInTheWalkIsALocalFailure) {
     EXPECT_EQ(BranchesAsked(), (std::vector<int>{0, 4}));
 }
 
-TEST_F(RefreshTest, DeviceOfNoKnownBrandFailsLocally) {
-    SetBrand("Other");
-    EXPECT_EQ(ExplainPrivacyXml::InitPrivacy(), 1102);
-    EXPECT_TRUE(Logged("get version from privacy node failed"));
-    EXPECT_FALSE(UserKeyExists(kWithoutLoginLocalVersionKey));
-}
-
-TEST_F(RefreshTest, BadPrivacyFilesFailBeforeAnyRequest) {
+TEST_F(RefreshTest, BadPrivacyFileOrUnknownDeviceIsALocalFailure) {
     ConnectServer();
-    std::filesystem::remove(PrivacyDocumentPath());
-    EXPECT_EQ(ExplainPrivacyXml::InitPrivacy(), 1102);
-    EXPECT_TRUE(Logged("WARN DecryXmlFile failed(ExplainPrivacyXml::GetTessalinkPrivacyContent)"));
-    EXPECT_TRUE(Logged("WARN get content failed(ExplainPrivacyXml::InitPrivacy)"));
-
-    InstallRawPrivacyFile(std::string(300, 'x'));
-    EXPECT_EQ(ExplainPrivacyXml::InitPrivacy(), 1102);
-
-    InstallPrivacyDocument("<privacy><brand name=\"zorvane\"></privacy>");
-    EXPECT_EQ(ExplainPrivacyXml::InitPrivacy(), 1102);
-    EXPECT_TRUE(Logged("readXmlFile failed"));
-
-    EXPECT_EQ(server_->RequestCount(), 0u);
-    EXPECT_FALSE(UserKeyExists(kAgreementServiceKey));
+    const std::pair<std::function<void()>, const char*> cases[] = {
+        {[&] { std::filesystem::remove(PrivacyDocumentPath()); },
+         "WARN DecryXmlFile failed(ExplainPrivacyXml::GetTessalinkPrivacyContent)"},
+        {[&] { InstallRawPrivacyFile(std::string(300, 'x')); },
+         "WARN get content failed(ExplainPrivacyXml::InitPrivacy)"},
+        {[&] { InstallPrivacyDocument("<privacy><brand name=\"zorvane\"></privacy>"); },
+         "readXmlFile failed"},
+        {[&] {
+             InstallPrivacyDocument(ShippedPrivacyXml());
+             SetBrand("Other");
+         },
+         "get version from privacy node failed"},
+    };
+    for (const auto& [breakIt, line] : cases) {
+        SCOPED_TRACE(line);
+        breakIt();
+        EXPECT_EQ(ExplainPrivacyXml::InitPrivacy(), 1102);
+        EXPECT_TRUE(Logged(line));
+        EXPECT_FALSE(UserKeyExists(kAgreementServiceKey));
+    }
+    // A bad file fails before any request.
+    EXPECT_EQ(server().RequestCount(), 1u);
 }
 
 TEST_F(RefreshTest, RefreshThenDecisionAcrossANewerServerVersion) {

@@ -1,4 +1,4 @@
-// The agreement records and caches in the registry: who writes which value, and how missing values read.
+// The agreement records and caches in the registry, and the consent decision read from them.
 
 #include <gtest/gtest.h>
 
@@ -16,30 +16,31 @@ namespace {
 const std::wstring kIntactUserAgreement = std::wstring(kRecordWithoutLoginKey) + kUserAgreementSubkey;
 const std::wstring kIntactPrivacy = std::wstring(kRecordWithoutLoginKey) + kPrivacyStatementSubkey;
 
-class AccountUtilTest : public ConsentTest {};
+class RecordsTest : public ConsentTest {
+  protected:
+    // Both agreement versions under `key`; a null leaves that value out.
+    void Versions(const std::wstring& key, const char* v133, const char* v10021) {
+        if (v133) {
+            SetUserValue(key, L"133", v133);
+        }
+        if (v10021) {
+            SetUserValue(key, L"10021", v10021);
+        }
+    }
+    AgreementService& service() { return *AgreementService::GetInstance(); }
+};
 
-TEST_F(AccountUtilTest, MissingValueAndMissingKeyReadZero) {
+TEST_F(RecordsTest, FlagsReadZeroWhenMissingAndOnlyUnderTheCurrentUser) {
     EXPECT_EQ(AccountUtil::GetFlag(kAgreementServiceKey, kUserLoginFlagValue), "0");
     SetUserValue(kAgreementServiceKey, L"Other", "x");
     EXPECT_EQ(AccountUtil::GetFlag(kAgreementServiceKey, kUserLoginFlagValue), "0");
-}
-
-TEST_F(AccountUtilTest, ReadsUnderTheCurrentUsersSubkeyOnly) {
-    SetUserValue(kAgreementServiceKey, kUserLoginFlagValue, "1");
+    SetLoggedIn(true);
     EXPECT_EQ(AccountUtil::GetFlag(kAgreementServiceKey, kUserLoginFlagValue), "1");
     SetCurrentUserSidProvider([] { return std::wstring(L"S-1-22-1-4242"); });
     EXPECT_EQ(AccountUtil::GetFlag(kAgreementServiceKey, kUserLoginFlagValue), "0");
 }
 
-TEST_F(AccountUtilTest, CreateRegeditPathMakesTheKeyAndGivesItsFullPath) {
-    const std::wstring full = AccountUtil::CreateRegeditPath(kWithLoginQdsVersionKey);
-    EXPECT_EQ(full, std::wstring(kTestSid) + kWithLoginQdsVersionKey);
-    EXPECT_TRUE(UserKeyExists(kWithLoginQdsVersionKey));
-}
-
-class AgreeFlagsTest : public ConsentTest {};
-
-TEST_F(AgreeFlagsTest, AgreeCacheIsTrueOnlyForExactlyOne) {
+TEST_F(RecordsTest, AgreeCacheIsTrueOnlyForExactlyOne) {
     EXPECT_FALSE(AgreementSign::GetAgreeCache());
     AgreementSign::SetAgreeCache(true);
     EXPECT_EQ(UserValue(kAgreementServiceKey, kWndAgreeCacheValue), "1");
@@ -51,62 +52,38 @@ TEST_F(AgreeFlagsTest, AgreeCacheIsTrueOnlyForExactlyOne) {
     EXPECT_FALSE(AgreementSign::GetAgreeCache());
 }
 
-TEST_F(AgreeFlagsTest, AgreeFlagIsWrittenAndTheDeleteLeavesIt) {
+TEST_F(RecordsTest, AgreeFlagIsWrittenAndTheDeleteLeavesIt) {
     ConsentTestPeer::RecordeAgreeFlag();
     EXPECT_EQ(UserValue(kAgreementServiceKey, kAgreeFlagValue), "1");
-    // The existence test runs without a root, so the value stays.
     ConsentTestPeer::DeleteAgreeFlag();
     EXPECT_EQ(UserValue(kAgreementServiceKey, kAgreeFlagValue), "1");
 }
 
-class SetRecordRegValueTest : public ConsentTest {
-  protected:
-    AgreementService& service() { return *AgreementService::GetInstance(); }
-};
-
-TEST_F(SetRecordRegValueTest, WithoutLoginFlagNothingIsWrittenAndItSucceeds) {
+TEST_F(RecordsTest, LoginRecordIsOnlyWrittenForALoggedInUser) {
     EXPECT_TRUE(service().SetRecordRegValue(133, 20220615, 21));
     EXPECT_FALSE(UserKeyExists(kRecordWithLoginKey));
     EXPECT_TRUE(Logged("account is not login, do not set record reg value"));
 }
 
-TEST_F(SetRecordRegValueTest, WritesVersionUnderTheTypeAndTheBranch) {
-    SetLoggedIn(true);
-    SetServerUpdated(true);
-    EXPECT_TRUE(service().SetRecordRegValue(10021, 20220615, 21));
-    EXPECT_EQ(UserValue(kRecordWithLoginKey, L"10021"), "20220615");
-    EXPECT_EQ(UserValue(kRecordWithLoginKey, kBranchIdValue), "21");
-    EXPECT_FALSE(UserValue(kRecordWithLoginKey, L"133").has_value());
-}
-
-TEST_F(SetRecordRegValueTest, BeforeTheServerSpokeANewerIntactRecordCarriesOver) {
+TEST_F(RecordsTest, NewerIntactRecordCarriesOverOnlyBeforeTheServerSpoke) {
     SetLoggedIn(true);
     SetUserValue(kIntactUserAgreement, kIntactVersionValue, "20240301");
     SetUserValue(kIntactUserAgreement, kIntactBranchIdValue, "31");
-    EXPECT_TRUE(service().SetRecordRegValue(133, 20220615, 21));
-    EXPECT_EQ(UserValue(kRecordWithLoginKey, L"133"), "20240301");
-    EXPECT_EQ(UserValue(kRecordWithLoginKey, kBranchIdValue), "31");
+    for (const bool updated : {false, true}) {
+        SetServerUpdated(updated);
+        EXPECT_TRUE(service().SetRecordRegValue(133, 20220615, 21));
+        EXPECT_EQ(UserValue(kRecordWithLoginKey, L"133"), updated ? "20220615" : "20240301");
+        EXPECT_EQ(UserValue(kRecordWithLoginKey, kBranchIdValue), updated ? "21" : "31");
+        EXPECT_FALSE(UserValue(kRecordWithLoginKey, L"10021").has_value());
+    }
 }
 
-TEST_F(SetRecordRegValueTest, OnceTheServerSpokeTheIntactRecordIsNotLookedAt) {
-    SetLoggedIn(true);
-    SetServerUpdated(true);
-    SetUserValue(kIntactUserAgreement, kIntactVersionValue, "20240301");
-    SetUserValue(kIntactUserAgreement, kIntactBranchIdValue, "31");
-    EXPECT_TRUE(service().SetRecordRegValue(133, 20220615, 21));
-    EXPECT_EQ(UserValue(kRecordWithLoginKey, L"133"), "20220615");
-    EXPECT_EQ(UserValue(kRecordWithLoginKey, kBranchIdValue), "21");
-}
-
-class IntactRecordTest : public ConsentTest {};
-
-TEST_F(IntactRecordTest, BothAgreementsAreRecordedWithSixValues) {
-    SetUserValue(kWithoutLoginLocalVersionKey, L"133", "20220615");
-    SetUserValue(kWithoutLoginLocalVersionKey, L"10021", "20220616");
+TEST_F(RecordsTest, IntactRecordsHoldSixValuesOfTheVersionsInForce) {
+    Versions(kWithoutLoginLocalVersionKey, "20220615", "20220616");
     SetUserValue(kWithoutLoginLocalVersionKey, kBranchIdValue, "21");
     profile().region = {"US", "DE", "en-US"};
     ApplyProfile();
-    AgreementService::GetInstance()->SetRecordWithoutLogin();
+    service().SetRecordWithoutLogin();
 
     EXPECT_EQ(UserValue(kIntactUserAgreement, kIntactAgrTypeValue), "133");
     EXPECT_EQ(UserValue(kIntactUserAgreement, kIntactVersionValue), "20220615");
@@ -120,74 +97,168 @@ TEST_F(IntactRecordTest, BothAgreementsAreRecordedWithSixValues) {
         ASSERT_TRUE(UserValue(key, kIntactSignTimeValue).has_value());
         EXPECT_EQ(UserValue(key, kIntactSignTimeValue)->size(), 23u);
     }
-}
 
-TEST_F(IntactRecordTest, OnceTheServerSpokeTheServerVersionsAreRecorded) {
     SetServerUpdated(true);
-    SetUserValue(kWithoutLoginLocalVersionKey, L"133", "20220615");
-    SetUserValue(kWithoutLoginQdsVersionKey, L"133", "20240301");
-    AgreementService::GetInstance()->SetRecordWithoutLogin();
+    Versions(kWithoutLoginQdsVersionKey, "20240301", nullptr);
+    service().SetRecordWithoutLogin();
     EXPECT_EQ(UserValue(kIntactUserAgreement, kIntactVersionValue), "20240301");
-    EXPECT_EQ(UserValue(kIntactUserAgreement, kIntactCountryValue), "cn");
-    // A missing source reads "0".
-    EXPECT_EQ(UserValue(kIntactPrivacy, kIntactVersionValue), "0");
+    EXPECT_EQ(UserValue(kIntactUserAgreement, kIntactCountryValue), "us");  // now the service country
+    EXPECT_EQ(UserValue(kIntactPrivacy, kIntactVersionValue), "0");         // a missing source reads "0"
 }
 
-class LoginCacheTest : public ConsentTest {
-  protected:
-    AgreementService& service() { return *AgreementService::GetInstance(); }
-};
-
-TEST_F(LoginCacheTest, SaveCacheCopiesTheVersionsInForceAndTheLoginBranch) {
-    SetUserValue(kWithoutLoginLocalVersionKey, L"133", "20220615");
-    SetUserValue(kWithoutLoginLocalVersionKey, L"10021", "20220615");
+TEST_F(RecordsTest, LoginCacheCopiesTheVersionsInForceAndGoesStaleWhenOneIsNewer) {
+    Versions(kWithoutLoginLocalVersionKey, "20220615", "20220615");
     SetUserValue(kWithLoginLocalVersionKey, kBranchIdValue, "21");
     EXPECT_FALSE(service().IfHaveCache());
+    EXPECT_FALSE(service().NeedUpdateExistCache());
     service().SaveCache();
     EXPECT_TRUE(service().IfHaveCache());
     // The deciding side's spelling reaches the same key.
     EXPECT_EQ(UserValue(kRecordWithLoginCacheKey, L"133"), "20220615");
     EXPECT_EQ(UserValue(kRecordWithLoginCacheKey, L"10021"), "20220615");
     EXPECT_EQ(UserValue(kRecordWithLoginCacheKey, kBranchIdValue), "21");
-}
+    EXPECT_FALSE(service().NeedUpdateExistCache());
 
-TEST_F(LoginCacheTest, NeedsUpdateWhenAVersionInForceIsNewer) {
-    EXPECT_FALSE(service().NeedUpdateExistCache());
-    SetUserValue(kWithoutLoginLocalVersionKey, L"133", "20220615");
-    SetUserValue(kWithoutLoginLocalVersionKey, L"10021", "20220615");
-    service().SaveCache();
-    EXPECT_FALSE(service().NeedUpdateExistCache());
-    SetUserValue(kWithoutLoginLocalVersionKey, L"10021", "20240301");
+    Versions(kWithoutLoginLocalVersionKey, nullptr, "20240301");
     EXPECT_TRUE(service().NeedUpdateExistCache());
-    SetUserValue(kRecordWithLoginCacheKey, L"10021", "20250101");
+    Versions(kRecordWithLoginCacheKey, nullptr, "20250101");
     EXPECT_FALSE(service().NeedUpdateExistCache());
-}
 
-TEST_F(LoginCacheTest, DeleteCacheRemovesTheKey) {
-    service().SaveCache();
-    ASSERT_TRUE(service().IfHaveCache());
     service().DeleteCache();
     EXPECT_FALSE(service().IfHaveCache());
     EXPECT_FALSE(UserKeyExists(kRecordWithLoginCacheKey));
 }
 
-class JudgeBranchIdTest : public ConsentTest {};
-
-TEST_F(JudgeBranchIdTest, LoginRecordAndCacheCompareWithTheLoginLocalBranch) {
+TEST_F(RecordsTest, BranchOfARecordIsComparedWithTheBranchInForce) {
     SetUserValue(kWithLoginLocalVersionKey, kBranchIdValue, "21");
     SetUserValue(kRecordWithLoginKey, kBranchIdValue, "21");
     SetUserValue(kRecordWithLoginCacheKey, kBranchIdValue, "11");
     EXPECT_EQ(ConsentTestPeer::JudgeBranchId(kRecordWithLoginKey), -1);
     EXPECT_EQ(ConsentTestPeer::JudgeBranchId(kRecordWithLoginCacheKey), 1);
     EXPECT_EQ(ConsentTestPeer::JudgeBranchId(kRecordWithLoginCacheServiceKey), 1);
-}
-
-TEST_F(JudgeBranchIdTest, AnythingElseComparesThePrivacyIntactRecord) {
+    // Anything else compares the privacy statement's intact record with the without-login branch.
     SetUserValue(kWithoutLoginLocalVersionKey, kBranchIdValue, "21");
     SetUserValue(kIntactPrivacy, kIntactBranchIdValue, "21");
     EXPECT_EQ(ConsentTestPeer::JudgeBranchId(L"\\Anything"), -1);
     SetUserValue(kIntactPrivacy, kIntactBranchIdValue, "3");
     EXPECT_EQ(ConsentTestPeer::JudgeBranchId(L"\\Anything"), 1);
+}
+
+TEST_F(RecordsTest, QdsSupportAndTheAgreeCacheDecideFirst) {
+    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 0);
+    AgreementSign::SetAgreeCache(true);
+    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), -1);
+    SetQds(false);
+    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 2);
+}
+
+TEST_F(RecordsTest, OnlyLoginFlagOneLeadsToTheLoginRecords) {
+    Versions(kWithoutLoginLocalVersionKey, "20220615", "20220615");
+    Versions(kRecordWithLoginKey, "20220615", "20220615");
+    for (const char* flag : {"0", "true", "yes", " 1", "2"}) {
+        SetUserValue(kAgreementServiceKey, kUserLoginFlagValue, flag);
+        EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 0) << flag;
+    }
+    SetLoggedIn(true);
+    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), -1);
+}
+
+// One decision (-1 agreed, 0 no record, 1 outdated) from the versions in force and the records; a null
+// leaves a value out. Versions compare as text.
+struct Decision {
+    const char* what;
+    bool loggedIn;
+    bool serverUpdated;
+    const char* inForce[2];
+    const char* loginRecord[2];
+    const char* loginCache[2];
+    const char* intact[2];
+    int expected;
+};
+
+constexpr const char* kOld = "20220615";
+constexpr const char* kNew = "20240301";
+
+const Decision kDecisions[] = {
+    {"login: no record, no cache", true, true, {kNew, kNew}, {}, {}, {}, 0},
+    {"login: agreed record wins over the cache", true, true, {kNew, kNew}, {kNew, kNew}, {"1", "1"}, {}, -1},
+    {"login: cache of the versions in force", true, true, {kNew, kNew}, {}, {kNew, kNew}, {}, -1},
+    {"login: outdated record, agreed cache", true, true, {kNew, kNew}, {kOld, kOld}, {kNew, kNew}, {}, -1},
+    {"login: outdated cache", true, true, {kNew, kNew}, {}, {kNew, kOld}, {}, 1},
+    {"login: outdated record", true, true, {kNew, kNew}, {kOld, kNew}, {}, {}, 1},
+    {"login: a missing record value reads 0", true, true, {kNew, "0"}, {kNew, nullptr}, {}, {}, -1},
+    {"login: eight digits are below nine", true, true, {"9", "9"}, {"20190815", "20190815"}, {}, {}, 1},
+    {"login before the server spoke: the without-login local versions",
+     true,
+     false,
+     {kOld, kOld},
+     {kOld, kOld},
+     {},
+     {},
+     -1},
+    {"login before the server spoke, newer", true, false, {kNew, kOld}, {kOld, kOld}, {}, {}, 1},
+    {"login records play no part without login", false, false, {kOld, kOld}, {kNew, kNew}, {}, {}, 0},
+    {"intact records of the versions in force", false, false, {kOld, kOld}, {}, {}, {kOld, kOld}, -1},
+    {"a missing privacy statement record", false, false, {kOld, kOld}, {}, {}, {kOld, nullptr}, 1},
+    {"after the server spoke: the without-login server versions",
+     false,
+     true,
+     {kOld, kNew},
+     {},
+     {},
+     {kOld, kOld},
+     1},
+    {"after the server spoke, same", false, true, {kOld, kOld}, {}, {}, {kOld, kOld}, -1},
+};
+
+class DecisionTest : public RecordsTest, public ::testing::WithParamInterface<Decision> {};
+
+TEST_P(DecisionTest, JudgesFromTheRegistry) {
+    const Decision& item = GetParam();
+    SetLoggedIn(item.loggedIn);
+    SetServerUpdated(item.serverUpdated);
+    const wchar_t* inForceKey =
+        item.loggedIn ? (item.serverUpdated ? kWithLoginQdsVersionKey : kWithoutLoginLocalVersionKey)
+                      : (item.serverUpdated ? kWithoutLoginQdsVersionKey : kWithoutLoginLocalVersionKey);
+    Versions(inForceKey, item.inForce[0], item.inForce[1]);
+    Versions(kRecordWithLoginKey, item.loginRecord[0], item.loginRecord[1]);
+    Versions(kRecordWithLoginCacheKey, item.loginCache[0], item.loginCache[1]);
+    if (item.intact[0]) {
+        SetUserValue(kIntactUserAgreement, kIntactVersionValue, item.intact[0]);
+    }
+    if (item.intact[1]) {
+        SetUserValue(kIntactPrivacy, kIntactVersionValue, item.intact[1]);
+    }
+    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), item.expected) << item.what;
+}
+
+INSTANTIATE_TEST_SUITE_P(Decisions, DecisionTest, ::testing::ValuesIn(kDecisions));
+
+TEST_F(RecordsTest, AgreeingWithoutAccountThenLoggingInAndOut) {
+    Versions(kWithoutLoginLocalVersionKey, kOld, kOld);
+    SetUserValue(kWithoutLoginLocalVersionKey, kBranchIdValue, "21");
+    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 0);
+    service().SetRecordWithoutLogin();
+    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), -1);
+
+    // Logging in: the login record decides, and there is none yet.
+    SetLoggedIn(true);
+    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 0);
+    // The server's record arrives and the intact version carries over.
+    EXPECT_TRUE(service().SetRecordRegValue(133, 20190815, 1));
+    EXPECT_TRUE(service().SetRecordRegValue(10021, 20190815, 1));
+    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), -1);
+
+    // A refresh brings a newer version: asked again, until the cache of the versions now in force
+    // stands in for the login record.
+    Versions(kWithoutLoginLocalVersionKey, kNew, kNew);
+    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 1);
+    service().SaveCache();
+    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), -1);
+
+    // Logging out: the intact records decide again, and they are behind.
+    SetLoggedIn(false);
+    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 1);
 }
 
 }  // namespace

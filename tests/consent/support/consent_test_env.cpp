@@ -1,10 +1,9 @@
 #include "consent_test_env.h"
 
-#include <stdlib.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <fstream>
-#include <sstream>
 
 #include "consent/consent_context.h"
 #include "consent/consent_keys.h"
@@ -24,10 +23,6 @@ std::filesystem::path LogDir() {
     return std::filesystem::temp_directory_path() / ("qlb-consent-tests-log-" + std::to_string(::getpid()));
 }
 
-std::filesystem::path LogFile() {
-    return LogDir() / "ConsentTests.log";
-}
-
 void InitTestLoggerOnce() {
     static const bool initialised = [] {
         qlb::logging::InitLogger("ConsentTests", std::string(QLB_SOURCE_DIR) + "/config/log4cplus.properties",
@@ -41,24 +36,12 @@ void InitTestLoggerOnce() {
     (void)initialised;
 }
 
-std::string ReadFile(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 }  // namespace
 
 void ConsentTest::SetUp() {
     InitTestLoggerOnce();
-    std::string pattern = (std::filesystem::temp_directory_path() / "qlb-consent-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
     std::filesystem::create_directories(dir_ / "dmi");
-    std::filesystem::create_directories(dir_ / "program" / "config" / "local_config");
-
-    profile_ = MachineProfile{};
+    std::filesystem::create_directories(dir_ / "program/config/local_config");
     profile_.registry = dir_ / "registry.db";
     profile_.appData = dir_ / "appdata/";
     profile_.logDir = LogDir().string() + "/";
@@ -73,31 +56,23 @@ void ConsentTest::SetUp() {
     auto store = qlb::registry::RegistryStore::Open(profile_.registry);
     ASSERT_EQ(store.error, 0u);
     qlb::registry::RegistryStore::SetDefault(store.value);
-
     SetCurrentUserSidProvider([] { return std::wstring(kTestSid); });
     SetConsentProgramDir(dir_ / "program");
     HttpUtil::SetTimeoutCapForTesting(std::chrono::milliseconds(1500));
-
-    std::error_code ec;
-    logStart_ = std::filesystem::exists(LogFile(), ec) ? std::filesystem::file_size(LogFile(), ec) : 0;
+    log_ = std::make_unique<qlb::testing::FileTail>(LogDir() / "ConsentTests.log");
 }
 
 void ConsentTest::TearDown() {
+    server_.reset();
     HttpUtil::SetTimeoutCapForTesting(std::chrono::milliseconds(0));
     SetConsentProgramDir({});
     SetCurrentUserSidProvider({});
     qlb::registry::RegistryStore::SetDefault(nullptr);
     MachineProfile::SetCurrent(MachineProfile{});
-    std::error_code ec;
-    std::filesystem::remove_all(dir_, ec);
-}
-
-void ConsentTest::ApplyProfile() {
-    MachineProfile::SetCurrent(profile_);
 }
 
 void ConsentTest::SetBrand(const std::string& sysVendor) {
-    std::ofstream(dir_ / "dmi" / "sys_vendor", std::ios::trunc) << sysVendor << "\n";
+    std::ofstream(dir_ / "dmi/sys_vendor", std::ios::trunc) << sysVendor << "\n";
 }
 
 void ConsentTest::SetAppVersion(const std::string& version) {
@@ -132,11 +107,6 @@ bool ConsentTest::UserKeyExists(const std::wstring& path) const {
     return registry.KeyExists(std::wstring(kTestSid) + path);
 }
 
-void ConsentTest::DeleteUserKeyTree(const std::wstring& path) {
-    DE::Registry registry;
-    registry.RegDeleteAll(HKEY_USERS, std::wstring(kTestSid) + path);
-}
-
 void ConsentTest::SetLoggedIn(bool loggedIn) {
     SetUserValue(kAgreementServiceKey, kUserLoginFlagValue, loggedIn ? "1" : "0");
 }
@@ -161,13 +131,21 @@ void ConsentTest::InstallRawPrivacyFile(const std::string& bytes) {
     ASSERT_TRUE(out.good());
 }
 
-std::string ConsentTest::LogText() const {
-    const std::string all = ReadFile(LogFile());
-    return logStart_ <= all.size() ? all.substr(logStart_) : all;
+void ConsentTest::StartServer() {
+    server_ = std::make_unique<qlb::testing::HttpTestServer>(qlb::testing::HttpTestServer::Handler{}, true);
+    profile_.caFile = qlb::testing::HttpTestServer::CertificateFile();
+    ApplyProfile();
+}
+
+void ConsentTest::ConnectServer() {
+    profile_.services[kAgreementServiceName] = {{kRlxKeyRoot, server_->Url("/")},
+                                                {kRlxKeyCommonApi, server_->Url("")}};
+    ApplyProfile();
 }
 
 std::string ShippedPrivacyXml() {
-    return ReadFile(std::filesystem::path(QLB_SOURCE_DIR) / "config/privacy/tessalink_privacy.xml");
+    return qlb::testing::ReadFile(std::filesystem::path(QLB_SOURCE_DIR) /
+                                  "config/privacy/tessalink_privacy.xml");
 }
 
 }  // namespace qlb::consent::testing

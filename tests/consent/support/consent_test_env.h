@@ -1,15 +1,19 @@
 #pragma once
 // A whole consent machine in a temporary directory: its own registry store, machine profile (QDS on,
 // region, brand, product version), program directory for the privacy document, the current user's SID,
-// and a log file the tests read back.
+// a log the tests read back, and on demand a local HTTPS agreement server.
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 
 #include "runtime/common/machine_profile.h"
+#include "support/files.h"
+#include "support/http_test_server.h"
+#include "support/temp_dir.h"
 
 namespace qlb::consent::testing {
 
@@ -21,9 +25,8 @@ class ConsentTest : public ::testing::Test {
     void TearDown() override;
 
     // Applies a changed profile() to the process.
-    void ApplyProfile();
+    void ApplyProfile() { MachineProfile::SetCurrent(profile_); }
     MachineProfile& profile() { return profile_; }
-    const std::filesystem::path& dir() const { return dir_; }
 
     void SetBrand(const std::string& sysVendor);
     void SetAppVersion(const std::string& version);
@@ -33,24 +36,27 @@ class ConsentTest : public ::testing::Test {
     void SetUserValue(const std::wstring& path, const std::wstring& name, const std::string& value);
     std::optional<std::string> UserValue(const std::wstring& path, const std::wstring& name) const;
     bool UserKeyExists(const std::wstring& path) const;
-    void DeleteUserKeyTree(const std::wstring& path);
-
     void SetLoggedIn(bool loggedIn);
     void SetServerUpdated(bool updated);
 
-    // Writes the privacy document of the program directory from plain XML.
+    // Writes the privacy document of the program directory from plain XML, or as raw bytes.
     void InstallPrivacyDocument(const std::string& xml);
     void InstallRawPrivacyFile(const std::string& bytes);
     std::filesystem::path PrivacyDocumentPath() const;
 
-    // What this test logged so far.
-    std::string LogText() const;
-    bool Logged(const std::string& text) const { return LogText().find(text) != std::string::npos; }
+    // Whether this test logged the text so far.
+    bool Logged(const std::string& text) const { return log_->Has(text); }
+
+    // An HTTPS server whose certificate the profile trusts; ConnectServer names it as the agreement host.
+    void StartServer();
+    void ConnectServer();
+    qlb::testing::HttpTestServer& server() { return *server_; }
 
   private:
-    std::filesystem::path dir_;
+    qlb::testing::TempDir dir_;
     MachineProfile profile_;
-    std::uintmax_t logStart_ = 0;
+    std::unique_ptr<qlb::testing::FileTail> log_;
+    std::unique_ptr<qlb::testing::HttpTestServer> server_;
 };
 
 // The readable privacy document of the repository.

@@ -12,21 +12,12 @@ struct ConsentTestPeer {
     static void RecordeAgreeFlag() { AgreementSign::RecordeAgreeFlag(); }
     static void DeleteAgreeFlag() { AgreementSign::DeleteAgreeFlag(); }
     static int JudgeBranchId(const std::wstring& path) { return AgreementSign::JudgeBranchId(path); }
-    static int JudgeWhenLogin(const std::wstring& key, const std::string& v133, const std::string& v10021) {
-        return AgreementSign::JudgeWhenLogin(key, v133, v10021);
-    }
 
     static int AnalyzeResponseErrorCode(const std::string& reply) {
         return AgreementService::GetInstance()->AnalyzeResponseErrorCode(reply);
     }
     static int AnalyzeRecordResponse(const std::string& reply) {
         return AgreementService::GetInstance()->AnalyzeRecordResponse(reply);
-    }
-    static std::string AgreementSignJsonData() {
-        return AgreementService::GetInstance()->AgreementSignJsonData();
-    }
-    static std::string GetSignRecordJsonData() {
-        return AgreementService::GetInstance()->GetSignRecordJsonData();
     }
 
     static ZvXmlElement InitLocalVersionAndBranchId(const ZvXmlElement& root, const std::string& brand,
@@ -40,9 +31,4 @@ struct ConsentTestPeer {
                                           std::string& branchId) {
         return ExplainPrivacyXml::GetVersionFromPrivacyNode(node, version, branchId);
     }
-    static bool TemporySolution(const std::string& country, const std::string& qdsVersion,
-                                const ZvXMLDocument& document) {
-        return ExplainPrivacyXml::TemporySolution(country, qdsVersion, document);
-    }
-    static bool GetQDSServerStatus() { return ExplainPrivacyXml::GetQDSServerStatus(); }
 };

@@ -1,0 +1,205 @@
+#include "http_test_server.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <chrono>
+#include <csignal>
+#include <memory>
+#include <stdexcept>
+
+namespace qlb::testing {
+namespace {
+
+std::string Lower(std::string text) {
+    for (char& c : text) {
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    return text;
+}
+
+std::string Trim(const std::string& text) {
+    const auto begin = text.find_first_not_of(" \t");
+    const auto end = text.find_last_not_of(" \t\r");
+    return begin == std::string::npos ? std::string() : text.substr(begin, end - begin + 1);
+}
+
+HttpExchange ParseHead(const std::string& head) {
+    HttpExchange exchange;
+    size_t lineEnd = head.find("\r\n");
+    const std::string requestLine = head.substr(0, lineEnd);
+    const auto firstBlank = requestLine.find(' ');
+    const auto secondBlank = requestLine.find(' ', firstBlank + 1);
+    exchange.method = requestLine.substr(0, firstBlank);
+    exchange.target = requestLine.substr(firstBlank + 1, secondBlank - firstBlank - 1);
+    while (lineEnd != std::string::npos && lineEnd < head.size()) {
+        const size_t next = head.find("\r\n", lineEnd + 2);
+        const std::string line =
+            head.substr(lineEnd + 2, next == std::string::npos ? std::string::npos : next - lineEnd - 2);
+        if (const auto colon = line.find(':'); colon != std::string::npos) {
+            exchange.headers[Lower(line.substr(0, colon))] = Trim(line.substr(colon + 1));
+        }
+        lineEnd = next;
+    }
+    return exchange;
+}
+
+}  // namespace
+
+HttpTestServer::HttpTestServer(Handler handler, bool tls) : handler_(std::move(handler)) {
+    // A client that hangs up mid-reply must not end the test process.
+    ::signal(SIGPIPE, SIG_IGN);
+    if (tls) {
+        const std::string key = std::string(QLB_SOURCE_DIR) + "/tests/runtime/http/testdata/loopback.key";
+        tls_ = SSL_CTX_new(TLS_server_method());
+        if (!tls_ || SSL_CTX_use_certificate_file(tls_, CertificateFile().c_str(), SSL_FILETYPE_PEM) != 1 ||
+            SSL_CTX_use_PrivateKey_file(tls_, key.c_str(), SSL_FILETYPE_PEM) != 1) {
+            SSL_CTX_free(tls_);
+            throw std::runtime_error("test server cannot load its certificate");
+        }
+    }
+    listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    if (listenFd_ < 0 || ::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+        ::listen(listenFd_, 16) != 0 ||
+        ::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
+        ::pipe2(wakePipe_, O_CLOEXEC) != 0) {
+        throw std::runtime_error("test server cannot listen");
+    }
+    port_ = ntohs(address.sin_port);
+    thread_ = std::thread([this] { Serve(); });
+}
+
+HttpTestServer::~HttpTestServer() {
+    [[maybe_unused]] const ssize_t n = ::write(wakePipe_[1], "x", 1);
+    thread_.join();
+    ::close(listenFd_);
+    ::close(wakePipe_[0]);
+    ::close(wakePipe_[1]);
+    SSL_CTX_free(tls_);
+}
+
+std::string HttpTestServer::CertificateFile() {
+    return std::string(QLB_SOURCE_DIR) + "/tests/runtime/http/testdata/loopback.crt";
+}
+
+std::string HttpTestServer::Url(const std::string& path) const {
+    return std::string(tls_ ? "https" : "http") + "://127.0.0.1:" + std::to_string(port_) + path;
+}
+
+void HttpTestServer::SetHandler(Handler handler) {
+    std::lock_guard lock(mutex_);
+    handler_ = std::move(handler);
+}
+
+std::vector<HttpExchange> HttpTestServer::Requests() const {
+    std::lock_guard lock(mutex_);
+    return requests_;
+}
+
+std::size_t HttpTestServer::RequestCount() const {
+    std::lock_guard lock(mutex_);
+    return requests_.size();
+}
+
+bool HttpTestServer::WaitForRequests(std::size_t count, int timeoutMs) const {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                             [&] { return requests_.size() >= count; });
+}
+
+void HttpTestServer::Serve() {
+    for (;;) {
+        pollfd fds[2] = {{listenFd_, POLLIN, 0}, {wakePipe_[0], POLLIN, 0}};
+        if (::poll(fds, 2, -1) < 0) {
+            continue;
+        }
+        if (fds[1].revents != 0) {
+            return;
+        }
+        if (const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC); fd >= 0) {
+            HandleConnection(fd);
+            ::close(fd);
+            ERR_clear_error();
+        }
+    }
+}
+
+void HttpTestServer::HandleConnection(int fd) {
+    // Every read and write is bounded: a client that stalls is dropped.
+    const timeval limit{5, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+    const std::unique_ptr<SSL, decltype(&SSL_free)> ssl(tls_ ? SSL_new(tls_) : nullptr, SSL_free);
+    if (ssl && (SSL_set_fd(ssl.get(), fd) != 1 || SSL_accept(ssl.get()) != 1)) {
+        return;
+    }
+    std::string data;
+    const auto receive = [&] {
+        char chunk[4096];
+        const long n = ssl ? SSL_read(ssl.get(), chunk, sizeof(chunk)) : ::recv(fd, chunk, sizeof(chunk), 0);
+        data.append(chunk, n > 0 ? static_cast<size_t>(n) : 0);
+        return n > 0;
+    };
+    // The head, then as much body as Content-Length says; a client that goes away ends the exchange.
+    size_t headEnd = std::string::npos;
+    while ((headEnd = data.find("\r\n\r\n")) == std::string::npos) {
+        if (!receive() || !std::isupper(static_cast<unsigned char>(data[0]))) {
+            return;  // gone, or not HTTP (a TLS hello to a plain server)
+        }
+    }
+    HttpExchange exchange = ParseHead(data.substr(0, headEnd));
+    const std::string length = exchange.Header("content-length");
+    while (data.size() < headEnd + 4 + (length.empty() ? 0 : std::stoul(length))) {
+        if (!receive()) {
+            return;
+        }
+    }
+    exchange.body = data.substr(headEnd + 4);
+
+    Handler handler;
+    {
+        std::lock_guard lock(mutex_);
+        requests_.push_back(exchange);
+        handler = handler_;
+    }
+    changed_.notify_all();
+    const HttpReply reply = handler ? handler(exchange) : HttpReply{};
+    if (reply.status == HttpReply::kHoldWithoutReply) {
+        pollfd fds[2] = {{fd, POLLIN, 0}, {wakePipe_[0], POLLIN, 0}};
+        ::poll(fds, 2, 30000);
+        return;
+    }
+    if (reply.status == HttpReply::kCloseWithoutReply) {
+        return;
+    }
+    std::string out = "HTTP/1.1 " + std::to_string(reply.status) + " Status\r\n";
+    for (const auto& [name, value] : reply.headers) {
+        out += name + ": " + value + "\r\n";
+    }
+    out +=
+        "Content-Length: " + std::to_string(reply.body.size()) + "\r\nConnection: close\r\n\r\n" + reply.body;
+    for (size_t done = 0; done < out.size();) {
+        const long n = ssl ? SSL_write(ssl.get(), out.data() + done, static_cast<int>(out.size() - done))
+                           : ::send(fd, out.data() + done, out.size() - done, MSG_NOSIGNAL);
+        if (n <= 0) {
+            return;
+        }
+        done += static_cast<size_t>(n);
+    }
+    if (ssl) {
+        SSL_shutdown(ssl.get());
+    }
+}
+
+}  // namespace qlb::testing
