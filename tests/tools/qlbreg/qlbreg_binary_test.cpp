@@ -20,16 +20,13 @@ struct ToolRun {
     std::string err;
 };
 
-const std::string kService = R"('HKLM\SYSTEM\CurrentControlSet\Services\QLBMainService')";
-
 class QlbregBinaryTest : public ::testing::Test {
   protected:
     void SetUp() override {
         std::filesystem::create_directories(dir_ / "config");
         std::filesystem::copy_file(std::filesystem::path(QLB_PROGRAM_DIR) / "qlbreg", dir_ / "qlbreg");
-        WriteProfile(R"({"registry": "state/registry.db"})");
+        std::ofstream(dir_ / "config" / "machine.json") << R"({"registry": "state/registry.db"})";
     }
-    void WriteProfile(const std::string& json) { std::ofstream(dir_ / "config" / "machine.json") << json; }
     // Runs the tool from another directory, so that it must find its profile beside itself.
     ToolRun Qlbreg(const std::string& args, const std::string& input = {}) {
         std::ofstream(dir_ / "stdin.txt") << input;
@@ -46,10 +43,16 @@ class QlbregBinaryTest : public ::testing::Test {
 };
 
 TEST_F(QlbregBinaryTest, AddQueryDeleteRoundTrip) {
-    auto added = Qlbreg("add " + kService + " /v Start /t REG_DWORD /d 2 /f");
+    const std::string key = R"('HKLM\SYSTEM\CurrentControlSet\Services\QLBMainService')";
+    auto added = Qlbreg("add " + key + " /v Start /t REG_DWORD /d 2 /f");
     EXPECT_EQ(added.status, 0);
     EXPECT_EQ(added.out, "The operation completed successfully.\n");
-    auto queried = Qlbreg("query " + kService + " /v start");
+    // The prompt reads standard input.
+    auto refused = Qlbreg("add " + key + " /v start /t REG_DWORD /d 3", "no\n");
+    EXPECT_EQ(refused.status, 0);
+    EXPECT_EQ(refused.out,
+              "Value Start exists, overwrite(Yes/No)? The operation was cancelled by the user.\n");
+    auto queried = Qlbreg("query " + key + " /v start");
     EXPECT_EQ(queried.status, 0);
     EXPECT_EQ(queried.out,
               "\nHKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\QLBMainService\n"
@@ -62,47 +65,33 @@ TEST_F(QlbregBinaryTest, AddQueryDeleteRoundTrip) {
             ->GetValue(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Services\\QLBMainService", L"Start")
             .value.number,
         2u);
-    EXPECT_EQ(Qlbreg("delete " + kService + " /f").status, 0);
-    auto gone = Qlbreg("query " + kService);
+    EXPECT_EQ(Qlbreg("delete " + key, "yes\n").status, 0);
+    auto gone = Qlbreg("query " + key);
     EXPECT_EQ(gone.status, 1);
     EXPECT_EQ(gone.out, "");
     EXPECT_EQ(gone.err, "ERROR: The system was unable to find the specified registry key or value.\n");
 }
 
-TEST_F(QlbregBinaryTest, PromptReadsStandardInput) {
-    ASSERT_EQ(Qlbreg(R"(add 'HKCU\Software\T' /v v /d one)").status, 0);
-    auto refused = Qlbreg(R"(add 'HKCU\Software\T' /v v /d two)", "no\n");
-    EXPECT_EQ(refused.status, 0);
-    EXPECT_EQ(refused.out, "Value v exists, overwrite(Yes/No)? The operation was cancelled by the user.\n");
-    EXPECT_EQ(Qlbreg(R"(add 'HKCU\Software\T' /v v /d two)", "yes\n").status, 0);
-    EXPECT_EQ(Qlbreg(R"(query 'HKCU\Software\T' /v v)").out,
-              "\nHKEY_CURRENT_USER\\Software\\T\n    v    REG_SZ    two\n\n");
-}
-
-TEST_F(QlbregBinaryTest, SyntaxErrorExitsWithOne) {
-    auto run = Qlbreg("query");
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(run.err, "ERROR: Invalid syntax.\nType \"REG QUERY /?\" for usage.\n");
+TEST_F(QlbregBinaryTest, FailuresExitWithOneAndTouchNothing) {
+    auto syntax = Qlbreg("query");
+    EXPECT_EQ(syntax.status, 1);
+    EXPECT_EQ(syntax.err, "ERROR: Invalid syntax.\nType \"REG QUERY /?\" for usage.\n");
     EXPECT_EQ(Qlbreg("/?").status, 0);
-}
 
-TEST_F(QlbregBinaryTest, MalformedProfileIsReportedWithExitOne) {
-    WriteProfile("{\"registry\": ");
-    auto run = Qlbreg(R"(query 'HKLM\X')");
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(run.err.rfind("ERROR: ", 0), 0u) << run.err;
-    EXPECT_NE(run.err.find("machine.json"), std::string::npos) << run.err;
-    EXPECT_FALSE(std::filesystem::exists(dir_ / "state"));
-}
-
-TEST_F(QlbregBinaryTest, FileThatIsNotAStoreIsLeftAlone) {
     std::filesystem::create_directories(dir_ / "state");
     const std::string text = "precious data that is not a registry store\n";
     std::ofstream(dir_ / "state" / "registry.db") << text;
-    auto run = Qlbreg(R"(add 'HKLM\X' /v v /d 1 /f)");
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(run.err, "ERROR: The configuration registry database is corrupt.\n");
+    auto notAStore = Qlbreg(R"(add 'HKLM\X' /v v /d 1 /f)");
+    EXPECT_EQ(notAStore.status, 1);
+    EXPECT_EQ(notAStore.err, "ERROR: The configuration registry database is corrupt.\n");
     EXPECT_EQ(ReadFile(dir_ / "state" / "registry.db"), text);
+
+    std::ofstream(dir_ / "config" / "machine.json") << R"({"registry": "other/registry.db)";
+    auto badProfile = Qlbreg(R"(query 'HKLM\X')");
+    EXPECT_EQ(badProfile.status, 1);
+    EXPECT_EQ(badProfile.err.rfind("ERROR: ", 0), 0u) << badProfile.err;
+    EXPECT_NE(badProfile.err.find("machine.json"), std::string::npos) << badProfile.err;
+    EXPECT_FALSE(std::filesystem::exists(dir_ / "other"));
 }
 
 }  // namespace
