@@ -9,6 +9,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <sstream>
 
 #include "consent/agreement_sign.h"
 #include "consent/consent_keys.h"
@@ -181,8 +182,20 @@ class RefreshTest : public PrivacyTest {
         InstallPrivacyDocument(ShippedPrivacyXml());
         StartServer();
     }
-    // The server answers each branch id from the table; a branch it does not know gets 1011.
-    void ServeVersions(std::map<int, std::string> replies) {
+    // "branch=reply ...": the server answers each branch id it is asked for with the reply, a bare version
+    // number standing for both agreements at that version; a branch it does not know gets 1011.
+    void ServeVersions(const std::string& spec) {
+        std::map<int, std::string> replies;
+        std::istringstream in(spec);
+        for (std::string item; in >> item;) {
+            const auto eq = item.find('=');
+            const std::string reply = item.substr(eq + 1);
+            replies[std::stoi(item.substr(0, eq))] =
+                reply[0] == '{' ? reply
+                                : R"({"errorCode":0,"versionInfo":[{"agrType":133,"latestVersion":)" + reply +
+                                      R"(},{"agrType":10021,"latestVersion":)" + reply + "}]}";
+        }
+        ConnectServer();
         server().SetHandler([replies](const HttpExchange& request) {
             const json body = json::parse(request.body, nullptr, false);
             const int branch = body.is_discarded() ? -1 : body["agrInfo"][0]["branchId"].get<int>();
@@ -190,194 +203,72 @@ class RefreshTest : public PrivacyTest {
             return HttpReply{200, it == replies.end() ? R"({"errorCode":1011})" : it->second, {}};
         });
     }
-    std::vector<int> BranchesAsked() {
-        std::vector<int> branches;
+    // The branch ids asked for, in order: "0 21 11".
+    std::string BranchesAsked() {
+        std::string branches;
         for (const auto& request : server().Requests()) {
-            branches.push_back(json::parse(request.body)["agrInfo"][0]["branchId"].get<int>());
+            branches += (branches.empty() ? "" : " ") +
+                        std::to_string(json::parse(request.body)["agrInfo"][0]["branchId"].get<int>());
         }
         return branches;
     }
 };
 
-std::string Version(const std::string& version) {
-    return R"({"errorCode":0,"versionInfo":[{"agrType":133,"latestVersion":)" + version +
-           R"(},{"agrType":10021,"latestVersion":)" + version + "}]}";
-}
+enum Written { kWithoutLoginOnly, kLoginOnly, kBothStates };
 
-// One refresh: the machine, the server's answers (none: no host), and what is written for each login
-// state. Both agreements always get the same version here.
+// One refresh: the machine, the server's answers (null: no host), and what is written for the login
+// states; both agreements always get the same version here.
 struct Refresh {
-    const char* what;
     RegionProfile region;
     bool loggedIn;
     bool serverUpdated;
-    std::optional<std::map<int, std::string>> replies;
+    const char* replies;
     int code;
-    std::vector<int> branchesAsked;
-    bool writesLogin;
-    bool writesWithoutLogin;
-    std::string branch;
-    std::string local;
-    std::string country;
-    std::string qds;
-    std::optional<std::string> updatedFlag;  // the flag afterwards
-    std::string logLine;
+    const char* branchesAsked;
+    Written written;
+    const char* branch;
+    const char* local;
+    const char* country;
+    const char* qds;
+    const char* updatedFlag;  // the flag afterwards, null when unset
+    const char* logLine;
 };
 
 const RegionProfile kChina{"CN", "CN", "zh-CN"};
+const RegionProfile kSoldToGermany{"US", "DE", "de-DE"};
+const RegionProfile kFrance{"FR", "FR", "fr-FR"};
 
 const Refresh kRefreshes[] = {
-    {"first refresh without network writes the sale country's local versions and the default",
-     {"US", "DE", "de-DE"},
-     false,
-     false,
-     std::nullopt,
-     0,
-     {},
-     false,
-     true,
-     "23",
-     "20220301",
-     "de",
-     "20190815",
-     std::nullopt,
-     "GetLatestVersion failed, set QDSversion = 20190815"},
-    {"default refresh while logged in writes both states",
-     kChina,
-     true,
-     false,
-     std::nullopt,
-     0,
-     {},
-     true,
-     true,
-     "21",
-     "20220615",
-     "cn",
-     "20190815",
-     std::nullopt,
+    // The first refresh without network writes the sale country's local versions and the default.
+    {kSoldToGermany, false, false, nullptr, 0, "", kWithoutLoginOnly, "23", "20220301", "de", "20190815",
+     nullptr, "GetLatestVersion failed, set QDSversion = 20190815"},
+    // The default refresh while logged in writes both states.
+    {kChina, true, false, nullptr, 0, "", kBothStates, "21", "20220615", "cn", "20190815", nullptr,
      "branch id is 0, qds version is 20190815"},
-    {"server saying the default takes the same path without setting the flag",
-     kChina,
-     false,
-     false,
-     std::map<int, std::string>{{0, Version("20190815")}},
-     0,
-     {0},
-     false,
-     true,
-     "21",
-     "20220615",
-     "cn",
-     "20190815",
-     std::nullopt,
-     ""},
-    {"newer server version on the first entry sets the flag and writes it",
-     kChina,
-     false,
-     false,
-     std::map<int, std::string>{{0, Version("20220615")}, {21, Version("20220615")}},
-     0,
-     {0, 21},
-     false,
-     true,
-     "21",
-     "20220615",
-     "cn",
-     "20220615",
-     "1",
-     "set status : qds server update"},
-    {"server version of the second entry makes its branch the one written",
-     kChina,
-     true,
-     false,
-     std::map<int, std::string>{
-         {0, Version("20200910")}, {21, Version("20200910")}, {11, Version("20200910")}},
-     0,
-     {0, 21, 11},
-     true,
-     false,
-     "11",
-     "20200910",
-     "cn",
-     "20200910",
-     "1",
-     ""},
-    {"code 1011 walks every entry and writes the first with server version 0",
-     kChina,
-     false,
-     false,
-     std::map<int, std::string>{{0, Version("20240301")}},
-     1011,
-     {0, 21, 11, 1},
-     false,
-     true,
-     "21",
-     "20220615",
-     "cn",
-     "0",
-     "1",
-     ""},
-    {"a malformed reply in the walk writes the local version as the server's",
-     kChina,
-     false,
-     false,
-     std::map<int, std::string>{{0, Version("20240301")}, {21, "{oops"}},
-     400,
-     {0, 21},
-     false,
-     true,
-     "21",
-     "20220615",
-     "cn",
-     "20220615",
-     "1",
-     ""},
-    {"once the flag is set no network ends the walk with code 2",
-     kChina,
-     false,
-     true,
-     std::nullopt,
-     2,
-     {},
-     false,
-     true,
-     "21",
-     "20220615",
-     "cn",
-     "0",
-     "1",
+    // The server saying the default takes the same path without setting the flag.
+    {kChina, false, false, "0=20190815", 0, "0", kWithoutLoginOnly, "21", "20220615", "cn", "20190815",
+     nullptr, ""},
+    // A newer server version on the first entry sets the flag and is written.
+    {kChina, false, false, "0=20220615 21=20220615", 0, "0 21", kWithoutLoginOnly, "21", "20220615", "cn",
+     "20220615", "1", "set status : qds server update"},
+    // A server version of the second entry makes its branch the one written.
+    {kChina, true, false, "0=20200910 21=20200910 11=20200910", 0, "0 21 11", kLoginOnly, "11", "20200910",
+     "cn", "20200910", "1", ""},
+    // Code 1011 walks every entry and writes the first with server version 0.
+    {kChina, false, false, "0=20240301", 1011, "0 21 11 1", kWithoutLoginOnly, "21", "20220615", "cn", "0",
+     "1", "ERROR The local version and QDS version are not the same "},
+    // A malformed reply in the walk writes the local version as the server's.
+    {kChina, false, false, "0=20240301 21={oops", 400, "0 21", kWithoutLoginOnly, "21", "20220615", "cn",
+     "20220615", "1", ""},
+    // Once the flag is set, no network ends the walk with code 2.
+    {kChina, false, true, nullptr, 2, "", kWithoutLoginOnly, "21", "20220615", "cn", "0", "1",
      "QDS returned unknown error : 2"},
-    {"empty version info sets the flag and the walk goes on",
-     kChina,
-     false,
-     false,
-     std::map<int, std::string>{{0, R"({"errorCode":0,"versionInfo":[]})"}, {21, Version("20220615")}},
-     0,
-     {0, 21},
-     false,
-     true,
-     "21",
-     "20220615",
-     "cn",
-     "20220615",
-     "1",
-     ""},
-    {"a country missing from the brand uses common but writes its own country",
-     {"FR", "FR", "fr-FR"},
-     false,
-     true,
-     std::map<int, std::string>{{0, Version("20220101")}, {20, Version("20220101")}},
-     0,
-     {0, 20},
-     false,
-     true,
-     "20",
-     "20220101",
-     "fr",
-     "20220101",
-     "1",
-     ""},
+    // Empty version info sets the flag and the walk goes on.
+    {kChina, false, false, R"(0={"errorCode":0,"versionInfo":[]} 21=20220615)", 0, "0 21", kWithoutLoginOnly,
+     "21", "20220615", "cn", "20220615", "1", ""},
+    // A country missing from the brand uses the common entries but writes its own country.
+    {kFrance, false, true, "0=20220101 20=20220101", 0, "0 20", kWithoutLoginOnly, "20", "20220101", "fr",
+     "20220101", "1", ""},
 };
 
 class RefreshScenario : public RefreshTest, public ::testing::WithParamInterface<Refresh> {};
@@ -393,17 +284,14 @@ TEST_P(RefreshScenario, WritesTheVersionsInForce) {
         SetServerUpdated(true);
     }
     if (item.replies) {
-        ConnectServer();
-        ServeVersions(*item.replies);
+        ServeVersions(item.replies);
     }
     EXPECT_EQ(ExplainPrivacyXml::InitPrivacy(), item.code);
     EXPECT_EQ(BranchesAsked(), item.branchesAsked);
-    const std::pair<const wchar_t*, const wchar_t*> states[] = {
-        {kWithLoginLocalVersionKey, kWithLoginQdsVersionKey},
-        {kWithoutLoginLocalVersionKey, kWithoutLoginQdsVersionKey}};
     for (const bool login : {true, false}) {
-        const auto [localKey, qdsKey] = states[login ? 0 : 1];
-        if (!(login ? item.writesLogin : item.writesWithoutLogin)) {
+        const auto* localKey = login ? kWithLoginLocalVersionKey : kWithoutLoginLocalVersionKey;
+        const auto* qdsKey = login ? kWithLoginQdsVersionKey : kWithoutLoginQdsVersionKey;
+        if (item.written != kBothStates && login != (item.written == kLoginOnly)) {
             EXPECT_FALSE(UserKeyExists(localKey)) << login;
             continue;
         }
@@ -414,8 +302,9 @@ TEST_P(RefreshScenario, WritesTheVersionsInForce) {
         EXPECT_EQ(UserValue(qdsKey, L"133"), item.qds);
         EXPECT_EQ(UserValue(qdsKey, L"10021"), item.qds);
     }
-    EXPECT_EQ(UserValue(kAgreementServiceKey, kServerUpdatedFlagValue), item.updatedFlag);
-    EXPECT_EQ(ExplainPrivacyXml::CompareLocalAndQdsVersion(), item.local == item.qds);
+    EXPECT_EQ(UserValue(kAgreementServiceKey, kServerUpdatedFlagValue),
+              item.updatedFlag ? std::optional<std::string>(item.updatedFlag) : std::nullopt);
+    EXPECT_EQ(ExplainPrivacyXml::CompareLocalAndQdsVersion(), std::string(item.local) == item.qds);
     EXPECT_TRUE(Logged(item.logLine)) << item.logLine;
 }
 
@@ -428,10 +317,9 @@ TEST_F(RefreshTest, IllegalBranchInTheWalkIsALocalFailure) {
         R"(<branch_id>b4</branch_id></PRIVACY>)"
         R"(<PRIVACY><tessalink_version>0</tessalink_version><privacy_version>6</privacy_version>)"
         R"(<branch_id>bbb</branch_id></PRIVACY></country></brand></p>)");
-    ConnectServer();
-    ServeVersions({{0, Version("5")}});
+    ServeVersions("0=5");
     EXPECT_EQ(ExplainPrivacyXml::InitPrivacy(), 1102);
-    EXPECT_EQ(BranchesAsked(), (std::vector<int>{0, 4}));
+    EXPECT_EQ(BranchesAsked(), "0 4");
 }
 
 TEST_F(RefreshTest, BadPrivacyFileOrUnknownDeviceIsALocalFailure) {
@@ -471,8 +359,7 @@ TEST_F(RefreshTest, RefreshThenDecisionAcrossANewerServerVersion) {
     AgreementService::GetInstance()->SetRecordWithoutLogin();
     EXPECT_EQ(AgreementSign::JudgeAgreementSign(), -1);
 
-    ConnectServer();
-    ServeVersions({{0, Version("20240301")}, {21, Version("20240301")}, {31, Version("20240301")}});
+    ServeVersions("0=20240301 21=20240301 31=20240301");
     SetAppVersion("12.0.0.3");
     ASSERT_EQ(ExplainPrivacyXml::InitPrivacy(), 0);
     EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 1);

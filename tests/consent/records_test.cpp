@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "consent/account_util.h"
 #include "consent/agreement_service.h"
 #include "consent/agreement_sign.h"
@@ -15,17 +17,29 @@ namespace {
 
 const std::wstring kIntactUserAgreement = std::wstring(kRecordWithoutLoginKey) + kUserAgreementSubkey;
 const std::wstring kIntactPrivacy = std::wstring(kRecordWithoutLoginKey) + kPrivacyStatementSubkey;
+const std::string kOld = "20220615";
+const std::string kNew = "20240301";
 
 class RecordsTest : public ConsentTest {
   protected:
-    // Both agreement versions under `key`; a null leaves that value out.
-    void Versions(const std::wstring& key, const char* v133, const char* v10021) {
-        if (v133) {
-            SetUserValue(key, L"133", v133);
+    // Both agreement versions as "<133> <10021>": "new" and "old" stand for kNew and kOld, "-" leaves a
+    // value out.
+    void Versions(const std::wstring& key133, const std::wstring& key10021, const std::wstring& name133,
+                  const std::wstring& name10021, const std::string& spec) {
+        std::istringstream in(spec);
+        std::string v133;
+        std::string v10021;
+        in >> v133 >> v10021;
+        const auto version = [](const std::string& v) { return v == "new" ? kNew : v == "old" ? kOld : v; };
+        if (!v133.empty() && v133 != "-") {
+            SetUserValue(key133, name133, version(v133));
         }
-        if (v10021) {
-            SetUserValue(key, L"10021", v10021);
+        if (!v10021.empty() && v10021 != "-") {
+            SetUserValue(key10021, name10021, version(v10021));
         }
+    }
+    void Versions(const std::wstring& key, const std::string& spec) {
+        Versions(key, key, L"133", L"10021", spec);
     }
     AgreementService& service() { return *AgreementService::GetInstance(); }
 };
@@ -79,7 +93,7 @@ TEST_F(RecordsTest, NewerIntactRecordCarriesOverOnlyBeforeTheServerSpoke) {
 }
 
 TEST_F(RecordsTest, IntactRecordsHoldSixValuesOfTheVersionsInForce) {
-    Versions(kWithoutLoginLocalVersionKey, "20220615", "20220616");
+    Versions(kWithoutLoginLocalVersionKey, "20220615 20220616");
     SetUserValue(kWithoutLoginLocalVersionKey, kBranchIdValue, "21");
     profile().region = {"US", "DE", "en-US"};
     ApplyProfile();
@@ -99,7 +113,7 @@ TEST_F(RecordsTest, IntactRecordsHoldSixValuesOfTheVersionsInForce) {
     }
 
     SetServerUpdated(true);
-    Versions(kWithoutLoginQdsVersionKey, "20240301", nullptr);
+    Versions(kWithoutLoginQdsVersionKey, "20240301 -");
     service().SetRecordWithoutLogin();
     EXPECT_EQ(UserValue(kIntactUserAgreement, kIntactVersionValue), "20240301");
     EXPECT_EQ(UserValue(kIntactUserAgreement, kIntactCountryValue), "us");  // now the service country
@@ -107,7 +121,7 @@ TEST_F(RecordsTest, IntactRecordsHoldSixValuesOfTheVersionsInForce) {
 }
 
 TEST_F(RecordsTest, LoginCacheCopiesTheVersionsInForceAndGoesStaleWhenOneIsNewer) {
-    Versions(kWithoutLoginLocalVersionKey, "20220615", "20220615");
+    Versions(kWithoutLoginLocalVersionKey, "20220615 20220615");
     SetUserValue(kWithLoginLocalVersionKey, kBranchIdValue, "21");
     EXPECT_FALSE(service().IfHaveCache());
     EXPECT_FALSE(service().NeedUpdateExistCache());
@@ -119,9 +133,9 @@ TEST_F(RecordsTest, LoginCacheCopiesTheVersionsInForceAndGoesStaleWhenOneIsNewer
     EXPECT_EQ(UserValue(kRecordWithLoginCacheKey, kBranchIdValue), "21");
     EXPECT_FALSE(service().NeedUpdateExistCache());
 
-    Versions(kWithoutLoginLocalVersionKey, nullptr, "20240301");
+    Versions(kWithoutLoginLocalVersionKey, "- 20240301");
     EXPECT_TRUE(service().NeedUpdateExistCache());
-    Versions(kRecordWithLoginCacheKey, nullptr, "20250101");
+    Versions(kRecordWithLoginCacheKey, "- 20250101");
     EXPECT_FALSE(service().NeedUpdateExistCache());
 
     service().DeleteCache();
@@ -153,8 +167,8 @@ TEST_F(RecordsTest, QdsSupportAndTheAgreeCacheDecideFirst) {
 }
 
 TEST_F(RecordsTest, OnlyLoginFlagOneLeadsToTheLoginRecords) {
-    Versions(kWithoutLoginLocalVersionKey, "20220615", "20220615");
-    Versions(kRecordWithLoginKey, "20220615", "20220615");
+    Versions(kWithoutLoginLocalVersionKey, "20220615 20220615");
+    Versions(kRecordWithLoginKey, "20220615 20220615");
     for (const char* flag : {"0", "true", "yes", " 1", "2"}) {
         SetUserValue(kAgreementServiceKey, kUserLoginFlagValue, flag);
         EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 0) << flag;
@@ -163,52 +177,37 @@ TEST_F(RecordsTest, OnlyLoginFlagOneLeadsToTheLoginRecords) {
     EXPECT_EQ(AgreementSign::JudgeAgreementSign(), -1);
 }
 
-// One decision (-1 agreed, 0 no record, 1 outdated) from the versions in force and the records; a null
-// leaves a value out. Versions compare as text.
+// One decision (-1 agreed, 0 no record, 1 outdated) from the versions in force and the records, each
+// given as "<133> <10021>" with "-" for a missing value ("" writes nothing). Versions compare as text.
 struct Decision {
     const char* what;
     bool loggedIn;
     bool serverUpdated;
-    const char* inForce[2];
-    const char* loginRecord[2];
-    const char* loginCache[2];
-    const char* intact[2];
+    const char* inForce;
+    const char* loginRecord;
+    const char* loginCache;
+    const char* intact;
     int expected;
 };
 
-constexpr const char* kOld = "20220615";
-constexpr const char* kNew = "20240301";
-
 const Decision kDecisions[] = {
-    {"login: no record, no cache", true, true, {kNew, kNew}, {}, {}, {}, 0},
-    {"login: agreed record wins over the cache", true, true, {kNew, kNew}, {kNew, kNew}, {"1", "1"}, {}, -1},
-    {"login: cache of the versions in force", true, true, {kNew, kNew}, {}, {kNew, kNew}, {}, -1},
-    {"login: outdated record, agreed cache", true, true, {kNew, kNew}, {kOld, kOld}, {kNew, kNew}, {}, -1},
-    {"login: outdated cache", true, true, {kNew, kNew}, {}, {kNew, kOld}, {}, 1},
-    {"login: outdated record", true, true, {kNew, kNew}, {kOld, kNew}, {}, {}, 1},
-    {"login: a missing record value reads 0", true, true, {kNew, "0"}, {kNew, nullptr}, {}, {}, -1},
-    {"login: eight digits are below nine", true, true, {"9", "9"}, {"20190815", "20190815"}, {}, {}, 1},
-    {"login before the server spoke: the without-login local versions",
-     true,
-     false,
-     {kOld, kOld},
-     {kOld, kOld},
-     {},
-     {},
-     -1},
-    {"login before the server spoke, newer", true, false, {kNew, kOld}, {kOld, kOld}, {}, {}, 1},
-    {"login records play no part without login", false, false, {kOld, kOld}, {kNew, kNew}, {}, {}, 0},
-    {"intact records of the versions in force", false, false, {kOld, kOld}, {}, {}, {kOld, kOld}, -1},
-    {"a missing privacy statement record", false, false, {kOld, kOld}, {}, {}, {kOld, nullptr}, 1},
-    {"after the server spoke: the without-login server versions",
-     false,
-     true,
-     {kOld, kNew},
-     {},
-     {},
-     {kOld, kOld},
+    {"login: no record, no cache", true, true, "new new", "", "", "", 0},
+    {"login: an agreed record wins over the cache", true, true, "new new", "new new", "1 1", "", -1},
+    {"login: a cache of the versions in force", true, true, "new new", "", "new new", "", -1},
+    {"login: outdated record, agreed cache", true, true, "new new", "old old", "new new", "", -1},
+    {"login: outdated cache", true, true, "new new", "", "new old", "", 1},
+    {"login: outdated record", true, true, "new new", "old new", "", "", 1},
+    {"login: a missing record value reads 0", true, true, "new 0", "new -", "", "", -1},
+    {"login: eight digits are below nine", true, true, "9 9", "20190815 20190815", "", "", 1},
+    {"login before the server spoke: the without-login local versions", true, false, "old old", "old old", "",
+     "", -1},
+    {"login before the server spoke, newer", true, false, "new old", "old old", "", "", 1},
+    {"login records play no part without login", false, false, "old old", "new new", "", "", 0},
+    {"intact records of the versions in force", false, false, "old old", "", "", "old old", -1},
+    {"a missing privacy statement record", false, false, "old old", "", "", "old -", 1},
+    {"after the server spoke: the without-login server versions", false, true, "old new", "", "", "old old",
      1},
-    {"after the server spoke, same", false, true, {kOld, kOld}, {}, {}, {kOld, kOld}, -1},
+    {"after the server spoke, same", false, true, "old old", "", "", "old old", -1},
 };
 
 class DecisionTest : public RecordsTest, public ::testing::WithParamInterface<Decision> {};
@@ -217,25 +216,20 @@ TEST_P(DecisionTest, JudgesFromTheRegistry) {
     const Decision& item = GetParam();
     SetLoggedIn(item.loggedIn);
     SetServerUpdated(item.serverUpdated);
-    const wchar_t* inForceKey =
-        item.loggedIn ? (item.serverUpdated ? kWithLoginQdsVersionKey : kWithoutLoginLocalVersionKey)
-                      : (item.serverUpdated ? kWithoutLoginQdsVersionKey : kWithoutLoginLocalVersionKey);
-    Versions(inForceKey, item.inForce[0], item.inForce[1]);
-    Versions(kRecordWithLoginKey, item.loginRecord[0], item.loginRecord[1]);
-    Versions(kRecordWithLoginCacheKey, item.loginCache[0], item.loginCache[1]);
-    if (item.intact[0]) {
-        SetUserValue(kIntactUserAgreement, kIntactVersionValue, item.intact[0]);
-    }
-    if (item.intact[1]) {
-        SetUserValue(kIntactPrivacy, kIntactVersionValue, item.intact[1]);
-    }
+    const wchar_t* inForceKey = !item.serverUpdated ? kWithoutLoginLocalVersionKey
+                                : item.loggedIn     ? kWithLoginQdsVersionKey
+                                                    : kWithoutLoginQdsVersionKey;
+    Versions(inForceKey, item.inForce);
+    Versions(kRecordWithLoginKey, item.loginRecord);
+    Versions(kRecordWithLoginCacheKey, item.loginCache);
+    Versions(kIntactUserAgreement, kIntactPrivacy, kIntactVersionValue, kIntactVersionValue, item.intact);
     EXPECT_EQ(AgreementSign::JudgeAgreementSign(), item.expected) << item.what;
 }
 
 INSTANTIATE_TEST_SUITE_P(Decisions, DecisionTest, ::testing::ValuesIn(kDecisions));
 
 TEST_F(RecordsTest, AgreeingWithoutAccountThenLoggingInAndOut) {
-    Versions(kWithoutLoginLocalVersionKey, kOld, kOld);
+    Versions(kWithoutLoginLocalVersionKey, "old old");
     SetUserValue(kWithoutLoginLocalVersionKey, kBranchIdValue, "21");
     EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 0);
     service().SetRecordWithoutLogin();
@@ -251,7 +245,7 @@ TEST_F(RecordsTest, AgreeingWithoutAccountThenLoggingInAndOut) {
 
     // A refresh brings a newer version: asked again, until the cache of the versions now in force
     // stands in for the login record.
-    Versions(kWithoutLoginLocalVersionKey, kNew, kNew);
+    Versions(kWithoutLoginLocalVersionKey, "new new");
     EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 1);
     service().SaveCache();
     EXPECT_EQ(AgreementSign::JudgeAgreementSign(), -1);

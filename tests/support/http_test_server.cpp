@@ -13,40 +13,30 @@
 #include <chrono>
 #include <csignal>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 
 namespace qlb::testing {
 namespace {
 
-std::string Lower(std::string text) {
-    for (char& c : text) {
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    }
-    return text;
-}
-
-std::string Trim(const std::string& text) {
-    const auto begin = text.find_first_not_of(" \t");
-    const auto end = text.find_last_not_of(" \t\r");
-    return begin == std::string::npos ? std::string() : text.substr(begin, end - begin + 1);
-}
-
 HttpExchange ParseHead(const std::string& head) {
     HttpExchange exchange;
-    size_t lineEnd = head.find("\r\n");
-    const std::string requestLine = head.substr(0, lineEnd);
-    const auto firstBlank = requestLine.find(' ');
-    const auto secondBlank = requestLine.find(' ', firstBlank + 1);
-    exchange.method = requestLine.substr(0, firstBlank);
-    exchange.target = requestLine.substr(firstBlank + 1, secondBlank - firstBlank - 1);
-    while (lineEnd != std::string::npos && lineEnd < head.size()) {
-        const size_t next = head.find("\r\n", lineEnd + 2);
-        const std::string line =
-            head.substr(lineEnd + 2, next == std::string::npos ? std::string::npos : next - lineEnd - 2);
-        if (const auto colon = line.find(':'); colon != std::string::npos) {
-            exchange.headers[Lower(line.substr(0, colon))] = Trim(line.substr(colon + 1));
+    std::istringstream in(head);
+    std::string line;
+    std::getline(in, line);
+    std::istringstream(line) >> exchange.method >> exchange.target;
+    while (std::getline(in, line)) {
+        const auto colon = line.find(':');
+        const auto begin = line.find_first_not_of(" \t\r", colon + 1);
+        if (colon == std::string::npos) {
+            continue;
         }
-        lineEnd = next;
+        std::string name = line.substr(0, colon);
+        for (char& c : name) {
+            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        }
+        exchange.headers[name] =
+            begin == std::string::npos ? "" : line.substr(begin, line.find_last_not_of(" \t\r") + 1 - begin);
     }
     return exchange;
 }
