@@ -7,28 +7,23 @@
 #include <pwd.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
+#include <memory>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "platform/sessions/session_source.h"
 #include "runtime/common/logging.h"
 #include "runtime/common/machine_profile.h"
 #include "runtime/registry/de_registry.h"
 #include "runtime/registry/registry_store.h"
+#include "support/eventually.h"
+#include "support/files.h"
+#include "support/temp_dir.h"
 
 namespace qlb::messageservice::test {
 
 class MessageServiceMachine : public ::testing::Test {
   protected:
     void SetUp() override {
-        char pattern[] = "/tmp/qlb-msgsvc-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern), nullptr);
-        root_ = pattern;
         MachineProfile profile;
         profile.registry = root_ / "registry.db";
         profile.appData = root_ / "appdata/";
@@ -48,43 +43,27 @@ class MessageServiceMachine : public ::testing::Test {
         logging::InitLogger("MessageServiceTest",
                             std::string(QLB_SOURCE_DIR) + "/config/log4cplus.properties",
                             profile.logDir.string());
-        logFile_ = profile.logDir / "MessageServiceTest.log";
-        mark_ = LogText().size();
+        MarkLog();
     }
-
     void TearDown() override {
         platform::SetCurrentSessionSource(nullptr);
         registry::RegistryStore::SetDefault(nullptr);
         MachineProfile::SetCurrent(MachineProfile{});
-        std::error_code ec;
-        std::filesystem::remove_all(root_, ec);
     }
 
-    std::string LogText() const {
-        std::ifstream in(logFile_);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
-    // The log lines written since the test began.
-    std::string NewLog() const {
-        const std::string text = LogText();
-        return text.size() > mark_ ? text.substr(mark_) : std::string();
-    }
-    bool Logged(const std::string& message) const { return NewLog().find(message) != std::string::npos; }
+    // From now on only lines written later count.
+    void MarkLog() { log_ = std::make_unique<qlb::testing::FileTail>(root_ / "log/MessageServiceTest.log"); }
 
     static std::wstring Value(HKEY root, const std::wstring& key, const std::wstring& name) {
         std::wstring value;
         return DE::Registry::GetValue(root, key, name, value) ? value : L"<missing>";
     }
-
     static std::wstring UserKey(const std::wstring& below) {
         return L"S-1-22-1-" + std::to_wstring(::getuid()) + L"\\" + below;
     }
 
-    std::filesystem::path root_;
-    std::filesystem::path logFile_;
-    std::size_t mark_ = 0;
+    qlb::testing::TempDir root_;
+    std::unique_ptr<qlb::testing::FileTail> log_;
 };
 
 }  // namespace qlb::messageservice::test

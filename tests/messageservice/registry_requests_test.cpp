@@ -26,6 +26,7 @@ void PutU32(std::vector<unsigned char>& record, std::size_t offset, std::uint32_
     }
 }
 
+// The 788-byte record: command, root (two halves), key, value name, data (text or number), type.
 std::vector<unsigned char> RegEditRecord(std::uint32_t command, HKEY root, const std::wstring& key,
                                          const std::wstring& name, std::uint32_t type,
                                          const std::wstring& text, std::uint32_t number = 0) {
@@ -44,35 +45,35 @@ std::vector<unsigned char> RegEditRecord(std::uint32_t command, HKEY root, const
     return record;
 }
 
-TagIPCMessageItem ItemOf(std::vector<unsigned char>& bytes, int messageId) {
-    TagIPCMessageItem item;
-    item.messageId = messageId;
-    item.data = bytes.empty() ? nullptr : bytes.data();
-    item.dataLength = static_cast<std::int32_t>(bytes.size());
-    return item;
+std::vector<unsigned char> Text(const std::string& text) {
+    return std::vector<unsigned char>(text.c_str(), text.c_str() + text.size() + 1);
 }
 
 class RegistryRequestsTest : public MessageServiceMachine {
   protected:
-    void Send(std::vector<unsigned char> bytes) {
-        TagIPCMessageItem item = ItemOf(bytes, 0x30002);
-        handlers_.OnRegEdit(item);
+    // Hands `bytes` to one of the handlers as the payload of a message.
+    void Deliver(void (ServiceMsgClient::*handler)(TagIPCMessageItem&), std::vector<unsigned char> bytes) {
+        TagIPCMessageItem item;
+        item.data = bytes.empty() ? nullptr : bytes.data();
+        item.dataLength = static_cast<std::int32_t>(bytes.size());
+        (handlers_.*handler)(item);
+    }
+    void RegEdit(std::vector<unsigned char> bytes) {
+        Deliver(&ServiceMsgClient::OnRegEdit, std::move(bytes));
     }
     ServiceMsgClient handlers_;
 };
 
-TEST_F(RegistryRequestsTest, SetsAStringAndANumberWhereverTheRecordSays) {
-    Send(RegEditRecord(2, HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tessalink\\Test", L"Name", REG_SZ, L"v\u00e4lue"));
-    Send(RegEditRecord(2, HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tessalink\\Test", L"Count", REG_DWORD, L"",
-                       0xFFFFFFFE));
+TEST_F(RegistryRequestsTest, SetsAStringAndANumberAndCreatesAKeyWhereverTheRecordSays) {
+    RegEdit(
+        RegEditRecord(2, HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tessalink\\Test", L"Name", REG_SZ, L"v\u00e4lue"));
+    RegEdit(RegEditRecord(2, HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tessalink\\Test", L"Count", REG_DWORD, L"",
+                          0xFFFFFFFE));
+    RegEdit(RegEditRecord(1, HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tessalink\\Made\\Below", L"", 0, L""));
     EXPECT_EQ(Value(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tessalink\\Test", L"Name"), L"v\u00e4lue");
     int number = 0;
     ASSERT_TRUE(DE::Registry::GetValue(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tessalink\\Test", L"Count", number));
     EXPECT_EQ(number, -2);
-}
-
-TEST_F(RegistryRequestsTest, CreatesAKey) {
-    Send(RegEditRecord(1, HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tessalink\\Made\\Below", L"", 0, L""));
     DE::Registry registry;
     registry.SetRootKey(HKEY_LOCAL_MACHINE);
     EXPECT_TRUE(registry.KeyExists(L"SOFTWARE\\Tessalink\\Made\\Below"));
@@ -82,74 +83,56 @@ TEST_F(RegistryRequestsTest, RecordOfTheWrongSizeIsDroppedWithoutALogLine) {
     auto record = RegEditRecord(2, HKEY_LOCAL_MACHINE, L"SOFTWARE\\T", L"N", REG_SZ, L"x");
     auto shorter = record;
     shorter.resize(kRegEditRecordSize - 1);
-    auto longer = record;
-    longer.push_back(0);
-    Send(shorter);
-    Send(longer);
+    record.push_back(0);
+    RegEdit(shorter);
+    RegEdit(record);
     EXPECT_EQ(Value(HKEY_LOCAL_MACHINE, L"SOFTWARE\\T", L"N"), L"<missing>");
-    EXPECT_EQ(NewLog(), "");
+    EXPECT_EQ(log_->Text(), "");
 }
 
-TEST_F(RegistryRequestsTest, NullRootOrUnknownCommandIsACommandError) {
-    Send(RegEditRecord(1, 0, L"SOFTWARE\\T", L"", 0, L""));
-    EXPECT_TRUE(Logged("reg arg command error(ServiceMsgClient::OnRegEdit)"));
-    mark_ = LogText().size();
-    Send(RegEditRecord(3, HKEY_LOCAL_MACHINE, L"SOFTWARE\\T", L"N", REG_SZ, L"x"));
-    EXPECT_TRUE(Logged("ERROR"));
-    EXPECT_TRUE(Logged("reg arg command error"));
-}
-
-TEST_F(RegistryRequestsTest, UnknownValueTypeIsLoggedAndWritesNothing) {
-    Send(RegEditRecord(2, HKEY_LOCAL_MACHINE, L"SOFTWARE\\T", L"N", 3, L"x"));
-    EXPECT_TRUE(Logged("reg arg Value Type error: SOFTWARE\\T"));
-    EXPECT_EQ(Value(HKEY_LOCAL_MACHINE, L"SOFTWARE\\T", L"N"), L"<missing>");
-}
-
-class SwitchRequestsTest : public MessageServiceMachine {
-  protected:
-    void LogSwitch(std::vector<unsigned char> bytes) {
-        TagIPCMessageItem item = ItemOf(bytes, 0x30073);
-        handlers_.OnRecvLogSwitch(item);
+TEST_F(RegistryRequestsTest, BadRootCommandOrTypeIsLoggedAndWritesNothing) {
+    const struct {
+        std::vector<unsigned char> record;
+        std::string line;
+    } cases[] = {
+        {RegEditRecord(1, 0, L"SOFTWARE\\T", L"", 0, L""),
+         "reg arg command error(ServiceMsgClient::OnRegEdit)"},
+        {RegEditRecord(3, HKEY_LOCAL_MACHINE, L"SOFTWARE\\T", L"N", REG_SZ, L"x"), "reg arg command error"},
+        {RegEditRecord(2, HKEY_LOCAL_MACHINE, L"SOFTWARE\\T", L"N", 3, L"x"),
+         "reg arg Value Type error: SOFTWARE\\T"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        MarkLog();
+        RegEdit(c.record);
+        EXPECT_TRUE(log_->Has("ERROR"));
+        EXPECT_TRUE(log_->Has(c.line));
+        EXPECT_EQ(Value(HKEY_LOCAL_MACHINE, L"SOFTWARE\\T", L"N"), L"<missing>");
     }
-    void CaptureSwitch(std::vector<unsigned char> bytes) {
-        TagIPCMessageItem item = ItemOf(bytes, 0x30074);
-        handlers_.OnRecvCaptureSwitch(item);
+}
+
+TEST_F(RegistryRequestsTest, LogSwitchIsOneOnlyForExactlyTheTextOne) {
+    Deliver(&ServiceMsgClient::OnRecvLogSwitch, {});
+    EXPECT_EQ(Value(HKEY_LOCAL_MACHINE, kLoginGuideKey, L"LogSwitch"), L"<missing>") << "no data, no write";
+    const std::pair<const char*, const wchar_t*> cases[] = {
+        {"1", L"1"}, {"10", L"0"}, {"1", L"1"}, {"", L"0"}};
+    for (const auto& [text, value] : cases) {
+        SCOPED_TRACE(text);
+        Deliver(&ServiceMsgClient::OnRecvLogSwitch, Text(text));
+        EXPECT_EQ(Value(HKEY_LOCAL_MACHINE, kLoginGuideKey, L"LogSwitch"), value);
     }
-    static std::vector<unsigned char> Text(const std::string& text) {
-        return std::vector<unsigned char>(text.c_str(), text.c_str() + text.size() + 1);
+}
+
+TEST_F(RegistryRequestsTest, CaptureSwitchWritesTheUsersThreeValuesEvenWithoutPayload) {
+    const std::pair<std::vector<unsigned char>, const wchar_t*> cases[] = {
+        {{}, L"0"}, {Text("1"), L"1"}, {Text("yes"), L"0"}};
+    for (const auto& [payload, capture] : cases) {
+        SCOPED_TRACE(payload.size());
+        Deliver(&ServiceMsgClient::OnRecvCaptureSwitch, payload);
+        EXPECT_EQ(Value(HKEY_USERS, UserKey(kLoginGuideKey), L"Capture"), capture);
+        EXPECT_EQ(Value(HKEY_USERS, UserKey(kLoginGuideKey), L"Protocol"), L"1");
+        EXPECT_EQ(Value(HKEY_USERS, UserKey(kLoginGuideKey), L"ProtocolVer"), L"9");
     }
-    ServiceMsgClient handlers_;
-};
-
-TEST_F(SwitchRequestsTest, LogSwitchIsOneOnlyForExactlyTheTextOne) {
-    LogSwitch(Text("1"));
-    EXPECT_EQ(Value(HKEY_LOCAL_MACHINE, kLoginGuideKey, L"LogSwitch"), L"1");
-    LogSwitch(Text("10"));
-    EXPECT_EQ(Value(HKEY_LOCAL_MACHINE, kLoginGuideKey, L"LogSwitch"), L"0");
-    LogSwitch(Text("1"));
-    LogSwitch(Text(""));
-    EXPECT_EQ(Value(HKEY_LOCAL_MACHINE, kLoginGuideKey, L"LogSwitch"), L"0");
-}
-
-TEST_F(SwitchRequestsTest, LogSwitchWithoutDataWritesNothing) {
-    LogSwitch({});
-    EXPECT_EQ(Value(HKEY_LOCAL_MACHINE, kLoginGuideKey, L"LogSwitch"), L"<missing>");
-}
-
-TEST_F(SwitchRequestsTest, CaptureSwitchWritesTheUsersValues) {
-    CaptureSwitch(Text("1"));
-    EXPECT_EQ(Value(HKEY_USERS, UserKey(kLoginGuideKey), L"Capture"), L"1");
-    EXPECT_EQ(Value(HKEY_USERS, UserKey(kLoginGuideKey), L"Protocol"), L"1");
-    EXPECT_EQ(Value(HKEY_USERS, UserKey(kLoginGuideKey), L"ProtocolVer"), L"9");
-    CaptureSwitch(Text("yes"));
-    EXPECT_EQ(Value(HKEY_USERS, UserKey(kLoginGuideKey), L"Capture"), L"0");
-}
-
-TEST_F(SwitchRequestsTest, CaptureSwitchWithoutPayloadStillWritesAllThree) {
-    CaptureSwitch({});
-    EXPECT_EQ(Value(HKEY_USERS, UserKey(kLoginGuideKey), L"Capture"), L"0");
-    EXPECT_EQ(Value(HKEY_USERS, UserKey(kLoginGuideKey), L"Protocol"), L"1");
-    EXPECT_EQ(Value(HKEY_USERS, UserKey(kLoginGuideKey), L"ProtocolVer"), L"9");
 }
 
 }  // namespace

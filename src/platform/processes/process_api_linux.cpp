@@ -122,10 +122,12 @@ SysResult<Credentials> ResolveUser(const std::string& user) {
     return SysResult<Credentials>::Ok(std::move(creds));
 }
 
-bool WriteAll(int fd, const void* data, size_t size) {
-    const char* p = static_cast<const char*>(data);
+// Moves exactly `size` bytes through `io` (read or write), again after EINTR; false on an error or end
+// of file first.
+template <typename Byte, typename Io>
+bool TransferAll(Io io, int fd, Byte* p, size_t size) {
     while (size > 0) {
-        const ssize_t n = ::write(fd, p, size);
+        const ssize_t n = io(fd, p, size);
         if (n < 0 && errno == EINTR) {
             continue;
         }
@@ -138,21 +140,13 @@ bool WriteAll(int fd, const void* data, size_t size) {
     return true;
 }
 
+bool WriteAll(int fd, const void* data, size_t size) {
+    return TransferAll(::write, fd, static_cast<const char*>(data), size);
+}
+
 // Reads exactly `size` bytes; false on end of file first.
 bool ReadAll(int fd, void* data, size_t size) {
-    char* p = static_cast<char*>(data);
-    while (size > 0) {
-        const ssize_t n = ::read(fd, p, size);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        p += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
+    return TransferAll(::read, fd, static_cast<char*>(data), size);
 }
 
 // Runs in the grandchild between fork and exec: async-signal-safe calls only. Never returns.

@@ -2,9 +2,10 @@
 // operations sit at their fixed positions, and the service's operations do their work.
 
 #include <dlfcn.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
+#include <functional>
 
 #include "runtime/common/strings.h"
 #include "runtime/common/win_error.h"
@@ -25,7 +26,6 @@ class MonProcessLoad : public ::testing::Test {
     fs::path modulePath = dir / "MonProcess.dll";
     void* module = nullptr;
     MonProcess* instance = nullptr;
-
     std::wstring service;
 
     void SetUp() override {
@@ -40,7 +40,9 @@ class MonProcessLoad : public ::testing::Test {
         ZVPROCESS::HELPER::SetSelfDirectoryForTesting({});
     }
     void Install(const char* built, bool sign) {
-        fs::copy_file(built, modulePath, fs::copy_options::overwrite_existing);
+        fs::remove(modulePath);  // a new file, never one a mapping may still hold
+        fs::remove(modulePath.string() + ".minisig");
+        fs::copy_file(built, modulePath);
         if (sign) {
             key.Sign(modulePath);
         }
@@ -54,90 +56,77 @@ class MonProcessLoad : public ::testing::Test {
     }
 };
 
-TEST_F(MonProcessLoad, SignedModuleLoadsAndInitialises) {
+// The positions of the operations are the contract with separately built modules.
+TEST_F(MonProcessLoad, SignedModuleLoadsWithItsOperationsAtTheirFixedPositions) {
     Install(QLB_MONPROCESS_DLL, true);
     ASSERT_TRUE(LoadMonProcess(module, instance));
     ASSERT_NE(instance, nullptr);
     EXPECT_TRUE(ModuleMapped());
-    DWORD running = 0;
-    EXPECT_EQ(instance->QueryDriverStatus(&running), 0);
-    EXPECT_EQ(running, 1u);
-    ReleaseMonProcess(module, instance);
-    EXPECT_EQ(module, nullptr);
-    EXPECT_EQ(instance, nullptr);
-}
-
-// A module may stay mapped after it was released; a later load of another file must still get the
-// file that was checked, not the earlier one.
-TEST_F(MonProcessLoad, ALaterLoadGetsTheNewlyCheckedFileNotAnEarlierOne) {
-    Install(QLB_MONPROCESS_DLL, true);
-    ASSERT_TRUE(LoadMonProcess(module, instance));
-    ReleaseMonProcess(module, instance);
-    fs::remove(modulePath);
-    Install(QLB_MONPROCESS_INIT2_DLL, true);
-    EXPECT_FALSE(LoadMonProcess(module, instance));  // the second build's Initialize gives 2
-    ReleaseMonProcess(module, instance);
-    fs::remove(modulePath);
-    Install(QLB_MONPROCESS_DLL, true);
-    EXPECT_TRUE(LoadMonProcess(module, instance));
-}
-
-TEST_F(MonProcessLoad, MissingModuleIsNotLoaded) {
-    EXPECT_FALSE(LoadMonProcess(module, instance));
-    EXPECT_EQ(module, nullptr);
-    EXPECT_EQ(instance, nullptr);
-}
-
-TEST_F(MonProcessLoad, UnsignedModuleIsNeverLoaded) {
-    Install(QLB_MONPROCESS_DLL, false);
-    EXPECT_FALSE(LoadMonProcess(module, instance));
-    EXPECT_EQ(module, nullptr);
-    EXPECT_FALSE(ModuleMapped());
-}
-
-TEST_F(MonProcessLoad, ModuleAlteredAfterSigningIsNeverLoaded) {
-    Install(QLB_MONPROCESS_DLL, true);
-    std::ofstream(modulePath, std::ios::app | std::ios::binary) << '\0';
-    EXPECT_FALSE(LoadMonProcess(module, instance));
-    EXPECT_EQ(module, nullptr);
-    EXPECT_FALSE(ModuleMapped());
-}
-
-TEST_F(MonProcessLoad, ModuleSignedByAnUntrustedKeyIsNeverLoaded) {
-    MinisignKey stranger(dir.path(), "stranger");
-    fs::copy_file(QLB_MONPROCESS_DLL, modulePath);
-    stranger.Sign(modulePath);
-    EXPECT_FALSE(LoadMonProcess(module, instance));
-    EXPECT_FALSE(ModuleMapped());
-}
-
-TEST_F(MonProcessLoad, InitializeOtherThanOneFailsTheLoadButLeavesBothForTheCaller) {
-    Install(QLB_MONPROCESS_INIT2_DLL, true);
-    EXPECT_FALSE(LoadMonProcess(module, instance));
-    EXPECT_NE(module, nullptr);
-    EXPECT_NE(instance, nullptr);
-    ReleaseMonProcess(module, instance);
-    EXPECT_EQ(module, nullptr);
-    EXPECT_EQ(instance, nullptr);
-}
-
-// The positions of the operations are the contract with separately built modules.
-TEST_F(MonProcessLoad, OperationsSitAtTheirFixedPositions) {
-    Install(QLB_MONPROCESS_DLL, true);
-    ASSERT_TRUE(LoadMonProcess(module, instance));
     void** table = *reinterpret_cast<void***>(instance);
     using GetVersionFn = DWORD (*)(MonProcess*);
     using KillFn = long (*)(MonProcess*, DWORD);
     using PathFn = long (*)(MonProcess*, const wchar_t*);
-    using QueryAliveFn = long (*)(MonProcess*, const wchar_t*, DWORD*);
+    using QueryFn = long (*)(MonProcess*, const wchar_t*, DWORD*);
+    DWORD value = 0;
     EXPECT_EQ(reinterpret_cast<GetVersionFn>(table[3])(instance), 1u);
     EXPECT_EQ(reinterpret_cast<KillFn>(table[10])(instance, 1), static_cast<long>(win::ERROR_ACCESS_DENIED));
     EXPECT_EQ(reinterpret_cast<PathFn>(table[24])(instance, service.c_str()), 0);
-    DWORD alive = 0;
-    EXPECT_EQ(reinterpret_cast<QueryAliveFn>(table[25])(instance, service.c_str(), &alive), 0);
-    EXPECT_EQ(alive, 1u);
+    EXPECT_EQ(reinterpret_cast<QueryFn>(table[25])(instance, service.c_str(), &value), 0);
+    EXPECT_EQ(value, 1u);
     EXPECT_EQ(reinterpret_cast<PathFn>(table[26])(instance, service.c_str()), 0);
     EXPECT_TRUE(fs::exists(dir / "run/monprocess/shutdown"));
+    value = 0;
+    EXPECT_EQ(instance->QueryDriverStatus(&value), 0);
+    EXPECT_EQ(value, 1u);
+    ReleaseMonProcess(module, instance);
+    EXPECT_EQ(module, nullptr);
+    EXPECT_EQ(instance, nullptr);
+}
+
+TEST_F(MonProcessLoad, AModuleWithoutAGoodSignatureIsNeverLoaded) {
+    MinisignKey stranger(dir.path(), "stranger");
+    const struct {
+        const char* name;
+        std::function<void()> install;
+    } cases[] = {
+        {"missing", [&] { fs::remove(modulePath); }},
+        {"unsigned", [&] { Install(QLB_MONPROCESS_DLL, false); }},
+        {"altered after signing",
+         [&] {
+             Install(QLB_MONPROCESS_DLL, true);
+             std::ofstream(modulePath, std::ios::app | std::ios::binary) << '\0';
+         }},
+        {"signed by an untrusted key",
+         [&] {
+             Install(QLB_MONPROCESS_DLL, false);
+             stranger.Sign(modulePath);
+         }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        c.install();
+        EXPECT_FALSE(LoadMonProcess(module, instance));
+        EXPECT_EQ(module, nullptr);
+        EXPECT_EQ(instance, nullptr);
+        EXPECT_FALSE(ModuleMapped());
+    }
+}
+
+TEST_F(MonProcessLoad, InitializeOtherThanOneFailsTheLoadAndALaterLoadGetsTheNewlyCheckedFile) {
+    Install(QLB_MONPROCESS_INIT2_DLL, true);  // this build's Initialize gives 2
+    EXPECT_FALSE(LoadMonProcess(module, instance));
+    EXPECT_NE(module, nullptr) << "both are left for the caller to release";
+    EXPECT_NE(instance, nullptr);
+    ReleaseMonProcess(module, instance);
+    EXPECT_EQ(module, nullptr);
+    EXPECT_EQ(instance, nullptr);
+    // A module may stay mapped after it was released; a later load of another file must still get the
+    // file that was checked, not the earlier one.
+    Install(QLB_MONPROCESS_DLL, true);
+    EXPECT_TRUE(LoadMonProcess(module, instance));
+    ReleaseMonProcess(module, instance);
+    Install(QLB_MONPROCESS_INIT2_DLL, true);
+    EXPECT_FALSE(LoadMonProcess(module, instance));
 }
 
 class MonProcessOperations : public MonProcessLoad {
@@ -149,20 +138,13 @@ class MonProcessOperations : public MonProcessLoad {
     }
 };
 
-TEST_F(MonProcessOperations, KillProcessEndsARunningProcess) {
-    ChildProcess child(InstallHelper(dir.path(), "Tessalink.exe"));
+TEST_F(MonProcessOperations, KillProcessEndsARunningProcessButNotTheFirstNorItsCaller) {
+    HelperProcess child(InstallHelper(dir.path(), "Tessalink.exe"));
     EXPECT_EQ(instance->KillProcess(static_cast<DWORD>(child.pid())), 0);
-    EXPECT_TRUE(WaitUntil([&] { return child.Ended(); }));
-}
-
-TEST_F(MonProcessOperations, KillProcessRefusesTheFirstProcessAndItsCaller) {
-    EXPECT_EQ(instance->KillProcess(0), static_cast<long>(win::ERROR_ACCESS_DENIED));
-    EXPECT_EQ(instance->KillProcess(1), static_cast<long>(win::ERROR_ACCESS_DENIED));
-    EXPECT_EQ(instance->KillProcess(static_cast<DWORD>(::getpid())),
-              static_cast<long>(win::ERROR_ACCESS_DENIED));
-}
-
-TEST_F(MonProcessOperations, KillProcessOfAVanishedProcessFails) {
+    EXPECT_TRUE(Eventually([&] { return child.Ended(); }));
+    for (const DWORD pid : {0u, 1u, static_cast<DWORD>(::getpid())}) {
+        EXPECT_EQ(instance->KillProcess(pid), static_cast<long>(win::ERROR_ACCESS_DENIED)) << pid;
+    }
     EXPECT_EQ(instance->KillProcess(0x7FFFFFF0), static_cast<long>(win::ERROR_INVALID_PARAMETER));
 }
 
@@ -171,9 +153,8 @@ TEST_F(MonProcessOperations, BootNoteAnswersOnlyForTheServiceThatLeftIt) {
     DWORD alive = 9;
     EXPECT_EQ(instance->QueryBootAlive(service.c_str(), &alive), 0);
     EXPECT_EQ(alive, 1u);
-    EXPECT_EQ(
-        instance->QueryBootAlive(DE::ANSIToUnicode((dir / "other/qlbmainservice").string()).c_str(), &alive),
-        0);
+    const std::wstring other = DE::ANSIToUnicode((dir / "other/qlbmainservice").string());
+    EXPECT_EQ(instance->QueryBootAlive(other.c_str(), &alive), 0);
     EXPECT_EQ(alive, 0u);
     EXPECT_EQ(instance->BootAlive(L""), static_cast<long>(win::ERROR_INVALID_PARAMETER));
 }

@@ -11,42 +11,31 @@ using namespace qlb::ipc;
 
 namespace {
 
-std::string CurrentUserName() {
-    const passwd* entry = ::getpwuid(::getuid());
-    return entry ? entry->pw_name : "";
-}
+TEST(PeerPolicyTest, ListedUsersAndGroupsAreAllowedAndNobodyElse) {
+    const std::string user = ::getpwuid(::getuid())->pw_name;
+    const std::string group = ::getgrgid(::getgid())->gr_name;
+    const PeerCredentials me{1, ::getuid(), ::getgid()};
+    const PeerCredentials stranger{1, ::getuid() + 12345, 54321};
+    const PeerCredentials myGroup{1, ::getuid() + 12345, ::getgid()};
 
-TEST(PeerPolicyTest, ListedUserNameIsAllowedAndOthersAreNot) {
-    const auto policy = PeerPolicy::FromAllowList(qlb::IpcAllow{{CurrentUserName()}, {}});
-    EXPECT_TRUE(policy.Allows(PeerCredentials{1, ::getuid(), ::getgid()}));
-    EXPECT_FALSE(policy.Allows(PeerCredentials{1, ::getuid() + 12345, 54321}));
-}
+    const auto byUser = PeerPolicy::FromAllowList(qlb::IpcAllow{{user}, {}});
+    EXPECT_TRUE(byUser.Allows(me));
+    EXPECT_FALSE(byUser.Allows(stranger));
+    EXPECT_TRUE(PeerPolicy::FromAllowList(qlb::IpcAllow{{}, {group}}).Allows(myGroup));
+    EXPECT_FALSE(PeerPolicy::FromAllowList(qlb::IpcAllow{{}, {}}).Allows(PeerCredentials{1, 0, 0}))
+        << "root only when listed";
+    EXPECT_TRUE(PeerPolicy::FromAllowList(qlb::IpcAllow{{"root"}, {}}).Allows(PeerCredentials{1, 0, 0}));
 
-TEST(PeerPolicyTest, RootIsAllowedOnlyWhenListed) {
-    const auto policy = PeerPolicy::FromAllowList(qlb::IpcAllow{{}, {}});
-    EXPECT_FALSE(policy.Allows(PeerCredentials{1, 0, 0}));
-    const auto withRoot = PeerPolicy::FromAllowList(qlb::IpcAllow{{"root"}, {}});
-    EXPECT_TRUE(withRoot.Allows(PeerCredentials{1, 0, 0}));
-}
-
-TEST(PeerPolicyTest, UnknownNamesAllowNobody) {
-    const auto policy = PeerPolicy::FromAllowList(qlb::IpcAllow{{"no-such-user-qlb"}, {"no-such-group-qlb"}});
-    EXPECT_TRUE(policy.Uids().empty());
-    EXPECT_TRUE(policy.Gids().empty());
-    EXPECT_FALSE(policy.Allows(PeerCredentials{1, ::getuid(), ::getgid()}));
-}
-
-TEST(PeerPolicyTest, PrimaryGroupFromTheCredentialsIsEnough) {
-    const group* entry = ::getgrgid(::getgid());
-    ASSERT_NE(entry, nullptr);
-    const auto policy = PeerPolicy::FromAllowList(qlb::IpcAllow{{}, {entry->gr_name}});
-    EXPECT_TRUE(policy.Allows(PeerCredentials{1, ::getuid() + 12345, ::getgid()}));
+    const auto unknown =
+        PeerPolicy::FromAllowList(qlb::IpcAllow{{"no-such-user-qlb"}, {"no-such-group-qlb"}});
+    EXPECT_TRUE(unknown.Uids().empty());
+    EXPECT_TRUE(unknown.Gids().empty());
+    EXPECT_FALSE(unknown.Allows(me));
 }
 
 TEST(PeerPolicyTest, SupplementaryGroupOfTheUserIsEnough) {
     // root is in group root in every group database; the credentials carry some other gid.
-    const auto policy = PeerPolicy({}, {0});
-    EXPECT_TRUE(policy.Allows(PeerCredentials{1, 0, 4242}));
+    EXPECT_TRUE(PeerPolicy({}, {0}).Allows(PeerCredentials{1, 0, 4242}));
     const auto groups = GroupsOfUser(0);
     EXPECT_NE(std::find(groups.begin(), groups.end(), 0u), groups.end());
 }

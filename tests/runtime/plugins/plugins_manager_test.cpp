@@ -2,8 +2,9 @@
 // refused with a log line, and unloading undoes the loading.
 
 #include <dlfcn.h>
-
 #include <gtest/gtest.h>
+
+#include <functional>
 
 #include "runtime/plugins/qlb_plugins_manager.h"
 #include "runtime/process/support/process_test_support.h"
@@ -38,12 +39,12 @@ class PluginHost : public ::testing::Test {
                            plugins + "</plugin-list>");
     }
     static std::string Entry(const std::string& name, int process = 1, bool open = true,
-                             const std::string& clsid = "") {
+                             const char* clsid = "") {
         return "<plugin name=\"" + name + "\" process=\"" + std::to_string(process) + "\" open=\"" +
                (open ? "1" : "0") + "\" clsid=\"" + clsid + "\"/>";
     }
     // Calls an exported counter of a loaded plugin; -1 when the plugin is not loaded.
-    int Counter(const std::string& name, const char* symbol) const {
+    int Counter(const std::string& name, const char* symbol = "QlbSamplePluginInitCount") const {
         void* h = ::dlopen((pluginDir / (name + ".dll")).c_str(), RTLD_NOW | RTLD_NOLOAD);
         if (h == nullptr) {
             return -1;
@@ -53,47 +54,33 @@ class PluginHost : public ::testing::Test {
         ::dlclose(h);
         return value;
     }
-    bool Loaded(const std::string& name) const { return Counter(name, "QlbSamplePluginInitCount") >= 0; }
+    bool Loaded(const std::string& name) const { return Counter(name) >= 0; }
 };
 
-TEST_F(PluginHost, SignedPluginLoadsInitialisesAndUnloads) {
+TEST_F(PluginHost, SignedPluginLoadsOnceCreatesItsObjectsAndUnloads) {
     Install(QLB_SAMPLE_PLUGIN, "QLBSamplePlugin");
     Configure(Entry("QLBSamplePlugin", 1, true, kSampleClsid));
-    QLBPluginsManager host(pluginDir);
-    ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
-    ASSERT_TRUE(host.LoadAllPlugins(nullptr));
-    EXPECT_EQ(host.LoadedPlugins(), std::vector<std::string>{"QLBSamplePlugin"});
-    EXPECT_EQ(Counter("QLBSamplePlugin", "QlbSamplePluginInitCount"), 1);
-    // A null context gets one of the host's, naming the process kind.
-    EXPECT_EQ(Counter("QLBSamplePlugin", "QlbSamplePluginLastProcess"), 1);
-    host.UnloadAllPlugins();
-    EXPECT_TRUE(host.LoadedPlugins().empty());
-    EXPECT_FALSE(Loaded("QLBSamplePlugin"));
-}
-
-TEST_F(PluginHost, LoadingTwiceLoadsOnceAndUnloadingTwiceIsHarmless) {
-    Install(QLB_SAMPLE_PLUGIN, "QLBSamplePlugin");
-    Configure(Entry("QLBSamplePlugin"));
-    QLBPluginsManager host(pluginDir);
-    ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
-    ASSERT_TRUE(host.LoadAllPlugins(nullptr));
-    ASSERT_TRUE(host.LoadAllPlugins(nullptr));
-    EXPECT_EQ(Counter("QLBSamplePlugin", "QlbSamplePluginInitCount"), 1);
-    host.UnloadAllPlugins();
-    host.UnloadAllPlugins();
-    EXPECT_FALSE(Loaded("QLBSamplePlugin"));
-}
-
-TEST_F(PluginHost, TheHostsDestructorUnloadsWhatIsLeft) {
-    Install(QLB_SAMPLE_PLUGIN, "QLBSamplePlugin");
-    Configure(Entry("QLBSamplePlugin"));
     {
         QLBPluginsManager host(pluginDir);
         ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
         ASSERT_TRUE(host.LoadAllPlugins(nullptr));
-        EXPECT_TRUE(Loaded("QLBSamplePlugin"));
+        ASSERT_TRUE(host.LoadAllPlugins(nullptr));
+        EXPECT_EQ(host.LoadedPlugins(), std::vector<std::string>{"QLBSamplePlugin"});
+        EXPECT_EQ(Counter("QLBSamplePlugin"), 1);
+        // A null context gets one of the host's, naming the process kind.
+        EXPECT_EQ(Counter("QLBSamplePlugin", "QlbSamplePluginLastProcess"), 1);
+        void* object = nullptr;
+        EXPECT_TRUE(host.CreateObject(kSampleClsid, &object));
+        EXPECT_NE(object, nullptr);
+        EXPECT_FALSE(host.CreateObject("{00000000-0000-0000-0000-000000000000}", &object));
+        EXPECT_FALSE(host.CreateObject(kSampleClsid, nullptr));
+        host.UnloadAllPlugins();
+        host.UnloadAllPlugins();
+        EXPECT_TRUE(host.LoadedPlugins().empty());
+        EXPECT_FALSE(Loaded("QLBSamplePlugin"));
+        ASSERT_TRUE(host.LoadAllPlugins(nullptr));
     }
-    EXPECT_FALSE(Loaded("QLBSamplePlugin"));
+    EXPECT_FALSE(Loaded("QLBSamplePlugin")) << "the host's destructor unloads what is left";
 }
 
 TEST_F(PluginHost, OnlyOpenPluginsOfTheHostsProcessLoad) {
@@ -110,92 +97,55 @@ TEST_F(PluginHost, OnlyOpenPluginsOfTheHostsProcessLoad) {
     EXPECT_FALSE(Loaded("ForMessageCenter"));
 }
 
-TEST_F(PluginHost, ObjectsAreCreatedByThePluginOfTheirClassId) {
-    Install(QLB_SAMPLE_PLUGIN, "QLBSamplePlugin");
-    Configure(Entry("QLBSamplePlugin", 1, true, kSampleClsid));
-    QLBPluginsManager host(pluginDir);
-    ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
-    ASSERT_TRUE(host.LoadAllPlugins(nullptr));
-    void* object = nullptr;
-    EXPECT_TRUE(host.CreateObject(kSampleClsid, &object));
-    EXPECT_NE(object, nullptr);
-    EXPECT_FALSE(host.CreateObject("{00000000-0000-0000-0000-000000000000}", &object));
-    EXPECT_FALSE(host.CreateObject(kSampleClsid, nullptr));
+TEST_F(PluginHost, EveryFaultyPluginIsRefusedWithItsReasonWhileTheOthersLoad) {
+    Install(QLB_SAMPLE_PLUGIN, "Good");
+    const auto path = [&](const char* name) { return (pluginDir / (std::string(name) + ".dll")).string(); };
+    const struct {
+        const char* name;
+        std::function<void()> install;
+        std::string line;
+    } cases[] = {
+        {"Unsigned", [&] { Install(QLB_SAMPLE_PLUGIN, "Unsigned", false); },
+         "plugin not loaded, signature check failed: " + path("Unsigned") +
+             ", error=0x800b0100(QLBPluginsManager::LoadOne)"},
+        {"Altered",
+         [&] {
+             Install(QLB_SAMPLE_PLUGIN, "Altered");
+             std::ofstream(path("Altered"), std::ios::app | std::ios::binary) << "tail";
+         },
+         "error=0x80096010"},
+        {"Absent", [] {}, "Absent.dll, error=0x2("},
+        {"NoEntries", [&] { Install(QLB_NOENTRY_PLUGIN, "NoEntries"); },
+         "plugin not loaded, entries missing: " + path("NoEntries")},
+        {"Failing", [&] { Install(QLB_FAILING_PLUGIN, "Failing"); },
+         "plugin refused to initialize: Failing(QLBPluginsManager::LoadOne)"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        c.install();
+        Configure(Entry(c.name) + Entry("Good"));
+        LogCapture lines;
+        QLBPluginsManager host(pluginDir);
+        ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
+        EXPECT_FALSE(host.LoadAllPlugins(nullptr));
+        EXPECT_EQ(host.LoadedPlugins(), std::vector<std::string>{"Good"});
+        EXPECT_FALSE(Loaded(c.name));
+        EXPECT_TRUE(lines.Has("ERROR", c.line));
+    }
 }
 
-TEST_F(PluginHost, UnsignedPluginIsRefusedWhileTheOthersLoad) {
-    Install(QLB_SAMPLE_PLUGIN, "Unsigned", /*sign=*/false);
-    Install(QLB_SAMPLE_PLUGIN, "Signed");
-    Configure(Entry("Unsigned") + Entry("Signed"));
-    QLBPluginsManager host(pluginDir);
-    ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
-    EXPECT_FALSE(host.LoadAllPlugins(nullptr));
-    EXPECT_EQ(host.LoadedPlugins(), std::vector<std::string>{"Signed"});
-    EXPECT_FALSE(Loaded("Unsigned"));
-    EXPECT_TRUE(log.Has(
-        "ERROR", "plugin not loaded, signature check failed: " + (pluginDir / "Unsigned.dll").string() +
-                     ", error=0x800b0100(QLBPluginsManager::LoadOne)"));
-}
-
-TEST_F(PluginHost, PluginAlteredAfterSigningIsRefused) {
-    Install(QLB_SAMPLE_PLUGIN, "QLBSamplePlugin");
-    std::ofstream(pluginDir / "QLBSamplePlugin.dll", std::ios::app | std::ios::binary) << "tail";
-    Configure(Entry("QLBSamplePlugin"));
-    QLBPluginsManager host(pluginDir);
-    ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
-    EXPECT_FALSE(host.LoadAllPlugins(nullptr));
-    EXPECT_FALSE(Loaded("QLBSamplePlugin"));
-    EXPECT_TRUE(log.HasText("error=0x80096010"));
-}
-
-TEST_F(PluginHost, MissingPluginFileFailsTheLoad) {
-    Configure(Entry("Absent"));
-    QLBPluginsManager host(pluginDir);
-    ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
-    EXPECT_FALSE(host.LoadAllPlugins(nullptr));
-    EXPECT_TRUE(host.LoadedPlugins().empty());
-    EXPECT_TRUE(log.HasText("Absent.dll, error=0x2("));
-}
-
-TEST_F(PluginHost, ModuleWithoutTheEntriesIsRefusedAndUnloaded) {
-    Install(QLB_NOENTRY_PLUGIN, "NoEntries");
-    Configure(Entry("NoEntries"));
-    QLBPluginsManager host(pluginDir);
-    ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
-    EXPECT_FALSE(host.LoadAllPlugins(nullptr));
-    EXPECT_TRUE(host.LoadedPlugins().empty());
-    EXPECT_FALSE(Loaded("NoEntries"));
-    EXPECT_TRUE(
-        log.Has("ERROR", "plugin not loaded, entries missing: " + (pluginDir / "NoEntries.dll").string()));
-}
-
-TEST_F(PluginHost, PluginThatRefusesToInitialiseIsUnloaded) {
-    Install(QLB_FAILING_PLUGIN, "Failing");
-    Configure(Entry("Failing"));
-    QLBPluginsManager host(pluginDir);
-    ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
-    EXPECT_FALSE(host.LoadAllPlugins(nullptr));
-    EXPECT_FALSE(Loaded("Failing"));
-    EXPECT_TRUE(log.Has("ERROR", "plugin refused to initialize: Failing(QLBPluginsManager::LoadOne)"));
-}
-
-TEST_F(PluginHost, MalformedConfigurationIsRefusedAndTheFormerOneStays) {
+TEST_F(PluginHost, BadConfigurationIsRefusedAndTheFormerOneStays) {
     Configure(Entry("First"));
     QLBPluginsManager host(pluginDir);
     ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
     WriteFile(cfg, "<plugin-list><plugin name='Second' process='1'>");
     EXPECT_FALSE(host.LoadCfg(cfg.c_str(), 1));
-    ASSERT_EQ(host.ConfiguredPlugins().size(), 1u);
-    EXPECT_EQ(host.ConfiguredPlugins()[0].name, "First");
     EXPECT_TRUE(log.HasText("plugin cfg is malformed: " + cfg.string()));
-}
-
-TEST_F(PluginHost, MissingOrNullConfigurationPathIsRefused) {
-    QLBPluginsManager host(pluginDir);
     EXPECT_FALSE(host.LoadCfg((dir / "absent.xml").c_str(), 1));
     EXPECT_FALSE(host.LoadCfg(nullptr, 1));
     EXPECT_FALSE(host.LoadCfg(dir.path().c_str(), 1));  // a directory
-    EXPECT_TRUE(host.LoadAllPlugins(nullptr));          // nothing configured, nothing to fail
+    ASSERT_EQ(host.ConfiguredPlugins().size(), 1u);
+    EXPECT_EQ(host.ConfiguredPlugins()[0].name, "First");
 }
 
 }  // namespace

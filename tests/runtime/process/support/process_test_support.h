@@ -1,31 +1,34 @@
 #pragma once
 // Shared by the tests of the process utilities, the process monitor module, the plugin host, the
-// process controls and the start-up stage: temporary program directories, minisign keys made with
-// the real tool, helper processes under the product's names, log lines, and bounded waits.
+// process controls and the start-up stage: program directories, minisign keys made with the real
+// tool, helper processes under the product's names, log lines, and the machine profile.
 
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
+#include <memory>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "runtime/common/logging.h"
 #include "runtime/common/machine_profile.h"
+#include "support/eventually.h"
+#include "support/files.h"
 
 namespace qlb::testing {
 
 namespace fs = std::filesystem;
 
+// A temporary program directory. Unlike the plain temporary directory it is open to every user, as
+// programs started as the session's user must reach the helpers inside.
 class TempDir {
   public:
     TempDir() {
@@ -34,7 +37,6 @@ class TempDir {
             ADD_FAILURE() << "mkdtemp failed";
         }
         path_ = pattern;
-        // Programs started as another user must reach the helpers inside.
         fs::permissions(path_, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
                                    fs::perms::others_read | fs::perms::others_exec);
     }
@@ -51,33 +53,13 @@ class TempDir {
     fs::path path_;
 };
 
-// Polls `condition` until it holds or `limit` has passed.
-inline bool WaitUntil(const std::function<bool()>& condition,
-                      std::chrono::milliseconds limit = std::chrono::seconds(10)) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
-
-inline std::string ReadFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
+template <typename Pred>
+bool WaitUntil(Pred condition) {
+    return Eventually(condition);
 }
 
 inline void WriteFile(const fs::path& path, const std::string& content) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
-}
-
-inline int Run(const std::string& command) {
-    return std::system((command + " >/dev/null 2>&1").c_str());
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
 // A minisign key pair without password, made by the real tool.
@@ -85,18 +67,19 @@ class MinisignKey {
   public:
     explicit MinisignKey(const fs::path& dir, const std::string& name = "key")
         : pub_(dir / (name + ".pub")), sec_(dir / (name + ".sec")) {
-        const int rc = Run("minisign -G -W -f -p '" + pub_.string() + "' -s '" + sec_.string() + "'");
-        EXPECT_EQ(rc, 0) << "minisign -G failed";
+        EXPECT_EQ(Run("minisign -G -W -f -p '" + pub_.string() + "' -s '" + sec_.string() + "'"), 0);
     }
     // Writes file + ".minisig".
     void Sign(const fs::path& file, bool legacy = false) const {
-        const int rc = Run(std::string("minisign -S ") + (legacy ? "-l " : "") + "-s '" + sec_.string() +
-                           "' -m '" + file.string() + "'");
-        EXPECT_EQ(rc, 0) << "minisign -S failed for " << file;
+        EXPECT_EQ(Run(std::string("minisign -S ") + (legacy ? "-l " : "") + "-s '" + sec_.string() +
+                      "' -m '" + file.string() + "'"),
+                  0)
+            << "minisign -S failed for " << file;
     }
     const fs::path& publicKey() const { return pub_; }
 
   private:
+    static int Run(const std::string& command) { return std::system((command + " >/dev/null 2>&1").c_str()); }
     fs::path pub_;
     fs::path sec_;
 };
@@ -110,82 +93,69 @@ inline fs::path InstallHelper(const fs::path& dir, const std::string& name) {
     return target;
 }
 
-// A helper process started by the test itself, ended (by its own id) and reaped when the object goes.
-class ChildProcess {
-  public:
-    explicit ChildProcess(const fs::path& image, std::vector<std::string> args = {}) {
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            std::vector<char*> argv;
-            std::string path = image.string();
-            argv.push_back(path.data());
-            for (auto& a : args) {
-                argv.push_back(a.data());
-            }
-            argv.push_back(nullptr);
-            ::execv(path.c_str(), argv.data());
-            ::_exit(127);
-        }
-        // The image is the helper's once exec has happened.
-        WaitUntil([&] {
-            std::error_code ec;
-            return fs::read_symlink("/proc/" + std::to_string(pid_) + "/exe", ec) == image;
-        });
-    }
-    ~ChildProcess() {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, nullptr, 0);
-        }
-    }
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
-    pid_t pid() const { return pid_; }
-    // True once it has ended (it stays a zombie until reaped here).
-    bool Ended() const {
-        std::ifstream status("/proc/" + std::to_string(pid_) + "/stat");
-        std::string line;
-        std::getline(status, line);
-        const auto close = line.rfind(')');
-        return line.empty() ||
-               (close != std::string::npos && close + 2 < line.size() && line[close + 2] == 'Z');
-    }
-
-  private:
-    pid_t pid_ = -1;
-};
-
-// Whether a process that is not our child runs (exists and is no zombie).
+// Whether a process runs (exists and is no zombie).
 inline bool Running(pid_t pid) {
     std::ifstream status("/proc/" + std::to_string(pid) + "/stat");
     std::string line;
     std::getline(status, line);
     const auto close = line.rfind(')');
-    return !line.empty() && close != std::string::npos && close + 2 < line.size() && line[close + 2] != 'Z';
+    return close != std::string::npos && close + 2 < line.size() && line[close + 2] != 'Z';
 }
+
+// A helper process under a product name, started by the test itself, ended (by its own id) and
+// reaped when the object goes.
+class HelperProcess {
+  public:
+    explicit HelperProcess(const fs::path& image, std::vector<std::string> args = {}) {
+        std::string path = image.string();
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            std::vector<char*> argv{path.data()};
+            for (auto& a : args) {
+                argv.push_back(a.data());
+            }
+            argv.push_back(nullptr);
+            ::execv(argv[0], argv.data());
+            ::_exit(127);
+        }
+        // The image is the helper's once exec has happened.
+        Eventually([&] {
+            std::error_code ec;
+            return fs::read_symlink("/proc/" + std::to_string(pid_) + "/exe", ec) == image;
+        });
+    }
+    ~HelperProcess() {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+        }
+    }
+    HelperProcess(const HelperProcess&) = delete;
+    HelperProcess& operator=(const HelperProcess&) = delete;
+    pid_t pid() const { return pid_; }
+    bool Ended() const { return !Running(pid_); }  // it stays a zombie until reaped here
+
+  private:
+    pid_t pid_ = -1;
+};
 
 // The process log of the tests, in a directory of its own; lines are read from a mark on.
 class LogCapture {
   public:
     LogCapture() {
-        static TempDir dirHolder;  // one log for the whole test program
-        static TempDir* dir = &dirHolder;
-        static bool opened = false;
-        file_ = dir->path() / "ProcessTests.log";
-        if (!opened) {
+        static TempDir dir;  // one log for the whole test program
+        static const bool opened = [] {
             qlb::logging::InitLogger("ProcessTests", QLB_PROGRAM_DIR "/config/log4cplus.properties",
-                                     dir->path().string() + "/");
-            opened = true;
-        }
-        std::error_code ec;
-        mark_ = fs::exists(file_, ec) ? fs::file_size(file_, ec) : 0;
+                                     dir.path().string() + "/");
+            return true;
+        }();
+        (void)opened;
+        tail_ = std::make_unique<FileTail>(dir / "ProcessTests.log");
     }
     // The lines written since this object was made.
     std::vector<std::string> Lines() const {
-        std::string text = ReadFile(file_);
-        text = text.size() > mark_ ? text.substr(mark_) : std::string();
         std::vector<std::string> lines;
-        std::istringstream in(text);
+        std::istringstream in(tail_->Text());
         for (std::string line; std::getline(in, line);) {
             lines.push_back(line);
         }
@@ -201,32 +171,27 @@ class LogCapture {
         }
         return false;
     }
-    bool HasText(const std::string& message) const {
-        for (const auto& line : Lines()) {
-            if (line.find(message) != std::string::npos) {
-                return true;
-            }
-        }
-        return false;
+    bool HasText(const std::string& message) const { return tail_->Has(message); }
+    int Count(const std::string& message) const {
+        const auto lines = Lines();
+        return static_cast<int>(std::count_if(
+            lines.begin(), lines.end(), [&](const auto& l) { return l.find(message) != std::string::npos; }));
     }
 
   private:
-    fs::path file_;
-    std::uintmax_t mark_ = 0;
+    std::unique_ptr<FileTail> tail_;
 };
 
 // Puts a profile whose state lies in `dir` in place for the test's lifetime.
 class ProfileScope {
   public:
     explicit ProfileScope(const fs::path& dir, std::vector<fs::path> trustedKeys = {}) {
-        MachineProfile profile;
-        profile.registry = dir / "registry.db";
-        profile.appData = dir / "appdata/";
-        profile.logDir = dir / "log/";
-        profile.runDir = dir / "run/";
-        profile.trustedKeys = std::move(trustedKeys);
-        profile_ = profile;
-        MachineProfile::SetCurrent(profile);
+        profile_.registry = dir / "registry.db";
+        profile_.appData = dir / "appdata/";
+        profile_.logDir = dir / "log/";
+        profile_.runDir = dir / "run/";
+        profile_.trustedKeys = std::move(trustedKeys);
+        MachineProfile::SetCurrent(profile_);
     }
     ~ProfileScope() { MachineProfile::SetCurrent(MachineProfile{}); }
     MachineProfile& profile() { return profile_; }
