@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "runtime/common/program_dir.h"
 #include "servicehost/cservicemain.h"
 #include "test_machine.h"
 
@@ -41,41 +40,13 @@ TEST(StartupMainService, ReturnsOnceTheServiceMutexAppears) {
     EXPECT_EQ(host.clock->Sleeps().size(), 3u);
 }
 
-TEST(ProcServiceOperation, UnknownOrMissingSwitchDoesNothing) {
-    FakeHost host("ops-none");
+// The switches end to end (case, unknown ones, /startup's event) are in the lifecycle test.
+TEST(ProcServiceOperation, NoSwitchDoesNothingAndStatusOrStopOfAStoppedServiceAnswer) {
+    FakeHost host("ops");
     EXPECT_EQ(ProcServiceOperation(nullptr), 0);
-    EXPECT_EQ(ProcServiceOperation(L"/help"), 0);
     EXPECT_TRUE(host.services->Calls().empty());
-}
-
-TEST(ProcServiceOperation, SwitchesMatchWithoutRegardToCase) {
-    FakeHost host("ops-case");
-    EXPECT_EQ(ProcServiceOperation(L"/INSTALL"), 1);
-    ASSERT_TRUE(host.services->Has(kMainServiceName));
-    EXPECT_EQ(host.services->Get(kMainServiceName).config.binaryPath, qlb::SelfPath().wstring());
-    EXPECT_EQ(ProcServiceOperation(L"/Status"), 1);
-    EXPECT_EQ(ProcServiceOperation(L"/Uninstall"), 1);
-    EXPECT_FALSE(host.services->Has(kMainServiceName));
-}
-
-TEST(ProcServiceOperation, StatusOfAnUnqueryableServiceIsStillOne) {
-    FakeHost host("ops-status");
+    // Even a service that cannot be queried has a status.
     EXPECT_EQ(ProcServiceOperation(L"/status"), 1);
-}
-
-TEST(ProcServiceOperation, StartupReportsItsResultEvenWhenNothingStarted) {
-    FakeHost host("ops-startup");
-    host.services->AddService(kMainServiceName, SERVICE_RUNNING);
-    const auto before = SpoolRecordsOf("619000002").size();
-    EXPECT_EQ(ProcServiceOperation(L"/startup"), 0);
-    const auto records = SpoolRecordsOf("619000002");
-    ASSERT_EQ(records.size(), before + 1);
-    EXPECT_EQ(records.back()["fields"]["0"], "main service");
-    EXPECT_EQ(records.back()["fields"]["1"], "0");
-}
-
-TEST(ProcServiceOperation, StopOfAStoppedServiceIsZero) {
-    FakeHost host("ops-stop");
     host.services->AddService(kMainServiceName, SERVICE_STOPPED);
     EXPECT_EQ(ProcServiceOperation(L"/stop"), 0);
     host.services->AddService(kMainServiceName, SERVICE_RUNNING);

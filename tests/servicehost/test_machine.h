@@ -1,14 +1,11 @@
 #pragma once
-// One temporary machine for the whole test process: profile, registry, telemetry spool and log all
-// under one directory; the service layer, clock and mutexes of the host are fakes or live in it.
+// One temporary machine for the whole test process: profile, registry, telemetry spool, log and the
+// program directory's configuration all under one directory of its own, so that test processes running
+// side by side share no file. The service layer, clock and mutexes of the host are fakes.
 
-#include <unistd.h>
-
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -18,30 +15,36 @@
 #include "platform/sync/testing/fake_clock.h"
 #include "runtime/common/logging.h"
 #include "runtime/common/machine_profile.h"
-#include "runtime/common/program_dir.h"
+#include "runtime/process/process_utils.h"
 #include "servicehost/service_host_platform.h"
+#include "support/eventually.h"
+#include "support/files.h"
+#include "support/temp_dir.h"
 
 namespace qlb::servicehost::testing {
 
 namespace fs = std::filesystem;
+using qlb::testing::Eventually;
 
-inline fs::path& MachineRoot() {
-    static fs::path root = fs::temp_directory_path() / ("qlb-servicehost-" + std::to_string(::getpid()));
-    return root;
+inline const fs::path& MachineRoot() {
+    static const qlb::testing::TempDir root;
+    return root.Path();
+}
+
+// The plugin configuration the start-up stage reads.
+inline fs::path PluginConfig() {
+    return MachineRoot() / "bin" / "config" / "plugincfg.xml";
 }
 
 class TestMachineEnvironment : public ::testing::Environment {
   public:
     void SetUp() override {
         const fs::path root = MachineRoot();
-        fs::remove_all(root);
         fs::create_directories(root / "dmi");
         std::ofstream(root / "dmi" / "bios_date") << "03/15/2024\n";
-        // The start-up stage reads the plugin configuration beside the executable.
-        std::error_code ec;
-        fs::create_directories(ProgramDir() / "config", ec);
-        fs::copy_file(fs::path(QLB_SOURCE_DIR) / "config" / "plugincfg.xml",
-                      ProgramDir() / "config" / "plugincfg.xml", fs::copy_options::overwrite_existing, ec);
+        fs::create_directories(PluginConfig().parent_path());
+        fs::copy_file(fs::path(QLB_SOURCE_DIR) / "config" / "plugincfg.xml", PluginConfig());
+        ZVPROCESS::HELPER::SetSelfDirectoryForTesting(root / "bin");
         MachineProfile profile;
         profile.registry = root / "registry.db";
         profile.appData = root / "appdata/";
@@ -56,52 +59,26 @@ class TestMachineEnvironment : public ::testing::Environment {
         qlb::logging::InitLogger("QuillbarService", (root / "no-config.properties").string(),
                                  (root / "log/").string());
     }
-    void TearDown() override { fs::remove_all(MachineRoot()); }
 };
 
 inline const ::testing::Environment* const kMachineEnvironment =
     ::testing::AddGlobalTestEnvironment(new TestMachineEnvironment);
 
-inline std::vector<std::string> ReadLines(const fs::path& file) {
-    std::ifstream in(file);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
-inline std::vector<std::string> LogLines() {
-    return ReadLines(MachineRoot() / "log" / "QuillbarService.log");
-}
-
 inline int CountLogLines(const std::string& text) {
-    int n = 0;
-    for (const auto& line : LogLines()) {
-        n += line.find(text) != std::string::npos ? 1 : 0;
-    }
-    return n;
+    return qlb::testing::CountLines(MachineRoot() / "log" / "QuillbarService.log", text);
 }
 
-inline std::vector<nlohmann::json> SpoolRecords() {
+// The telemetry records of one event, in the order they were spooled.
+inline std::vector<nlohmann::json> SpoolRecordsOf(const std::string& code) {
     std::vector<nlohmann::json> records;
-    for (const auto& line : ReadLines(MachineRoot() / "appdata" / "telemetry" / "events.jsonl")) {
+    for (const auto& line :
+         qlb::testing::ReadLines(MachineRoot() / "appdata" / "telemetry" / "events.jsonl")) {
         auto j = nlohmann::json::parse(line, nullptr, false);
-        if (!j.is_discarded()) {
+        if (j.is_object() && j.value("eventId", "") == code) {
             records.push_back(j);
         }
     }
     return records;
-}
-
-inline std::vector<nlohmann::json> SpoolRecordsOf(const std::string& code) {
-    std::vector<nlohmann::json> out;
-    for (auto& r : SpoolRecords()) {
-        if (r.value("eventId", "") == code) {
-            out.push_back(r);
-        }
-    }
-    return out;
 }
 
 // Fakes of the host platform, installed for one test.
@@ -111,24 +88,10 @@ struct FakeHost {
     std::shared_ptr<platform::testing::FakeClock> clock = std::make_shared<platform::testing::FakeClock>();
     std::shared_ptr<platform::NamedMutexSpace> mutexes;
 
-    explicit FakeHost(const std::string& tag) {
-        const fs::path run = MachineRoot() / ("run-" + tag);
-        fs::remove_all(run);
-        mutexes = std::make_shared<platform::NamedMutexSpace>(run);
+    explicit FakeHost(const std::string& tag)
+        : mutexes(std::make_shared<platform::NamedMutexSpace>(MachineRoot() / ("run-" + tag))) {
         SetPlatform(HostPlatform{services, clock, mutexes});
     }
 };
-
-template <typename Pred>
-bool Eventually(Pred pred, std::chrono::milliseconds limit = std::chrono::seconds(15)) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < end) {
-        if (pred()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return pred();
-}
 
 }  // namespace qlb::servicehost::testing

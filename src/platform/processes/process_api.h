@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -43,6 +44,9 @@ struct StartOptions {
     // Runs the program as this user (its uid, primary group and supplementary groups). Empty: with
     // the caller's own credentials.
     std::string user;
+    // Runs in the caller once the program's process exists and before its executable runs, with that
+    // process's id: the caller may publish state the program reads first thing.
+    std::function<void(std::uint32_t pid)> beforeExec;
 };
 
 class ProcessApi {

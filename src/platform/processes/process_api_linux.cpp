@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -149,6 +150,14 @@ bool ReadAll(int fd, void* data, size_t size) {
     return TransferAll(::read, fd, static_cast<char*>(data), size);
 }
 
+void CloseAll(std::initializer_list<int> fds) {
+    for (const int fd : fds) {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+}
+
 // Runs in the grandchild between fork and exec: async-signal-safe calls only. Never returns.
 [[noreturn]] void ExecDetached(int reportFd, int nullFd, const Credentials& creds, const char* image,
                                char* const* argv, char* const* envp, const char* workingDir) {
@@ -281,27 +290,39 @@ class LinuxProcessApi final : public ProcessApi {
         if (nullFd < 0) {
             return R::Fail(win::FromErrno(errno));
         }
-        int fds[2];
-        if (::pipe2(fds, O_CLOEXEC) != 0) {
+        // fds: the report (the program's id, then the error number of a failed start). go: the caller
+        // releases the program once beforeExec has run; a socket, so that a release to a program that
+        // is already gone is an error and not a SIGPIPE.
+        int fds[2] = {-1, -1};
+        int go[2] = {-1, -1};
+        if (::pipe2(fds, O_CLOEXEC) != 0 || ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, go) != 0) {
             const int err = errno;
-            ::close(nullFd);
+            CloseAll({fds[0], fds[1], go[0], go[1], nullFd});
             return R::Fail(win::FromErrno(err));
         }
         const pid_t child = ::fork();
         if (child < 0) {
             const int err = errno;
-            ::close(fds[0]);
-            ::close(fds[1]);
-            ::close(nullFd);
+            CloseAll({fds[0], fds[1], go[0], go[1], nullFd});
             return R::Fail(win::FromErrno(err));
         }
         if (child == 0) {
             // The intermediate child: a new session, then the program in a grandchild, so that the
             // program is nobody's child here and leaves no zombie behind in the service.
             ::close(fds[0]);
+            ::close(go[1]);
             ::setsid();
             const pid_t grandchild = ::fork();
             if (grandchild == 0) {
+                char released = 0;
+                ssize_t n;
+                while ((n = ::read(go[0], &released, 1)) < 0 && errno == EINTR) {
+                }
+                if (n != 1) {
+                    const int err = ECANCELED;
+                    WriteAll(fds[1], &err, sizeof err);
+                    ::_exit(127);
+                }
                 ExecDetached(fds[1], nullFd, creds.value, image.c_str(), argv.data(), envp.data(),
                              workingDir.c_str());
             }
@@ -313,14 +334,19 @@ class LinuxProcessApi final : public ProcessApi {
             }
             ::_exit(0);
         }
-        ::close(fds[1]);
-        ::close(nullFd);
+        CloseAll({fds[1], go[0], nullFd});
         int status = 0;
         while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
         }
         std::int32_t started = -1;
         int err = 0;
         const bool gotPid = ReadAll(fds[0], &started, sizeof started);
+        if (gotPid && started > 0 && options.beforeExec) {
+            options.beforeExec(static_cast<std::uint32_t>(started));
+        }
+        const char release = 1;
+        const bool released = gotPid && started > 0 && ::send(go[1], &release, 1, MSG_NOSIGNAL) == 1;
+        ::close(go[1]);
         // The report end closes on a successful exec (close-on-exec); an error number arrives otherwise.
         const bool failed = ReadAll(fds[0], &err, sizeof err);
         ::close(fds[0]);
@@ -329,6 +355,9 @@ class LinuxProcessApi final : public ProcessApi {
         }
         if (failed) {
             return R::Fail(win::FromErrno(err));
+        }
+        if (!released) {
+            return R::Fail(win::ERROR_INVALID_FUNCTION);
         }
         return R::Ok(static_cast<std::uint32_t>(started));
     }

@@ -2,8 +2,8 @@
 
 #include <unistd.h>
 
+#include "platform/processes/process_api.h"
 #include "platform/services/control_channel.h"
-#include "platform/services/detached_process.h"
 
 namespace qlb::platform {
 
@@ -90,16 +90,23 @@ SysStatus EmbeddedServiceManager::StartService(const std::wstring& name) {
         record && record->status.dwCurrentState != SERVICE_STOPPED && IsRecordProcessAlive(*record)) {
         return SysStatus::Fail(win::ERROR_SERVICE_ALREADY_RUNNING);
     }
+    // The service runs as the Windows manager runs it: a process of its own, no arguments, in "/". Its
+    // record is published before it runs, since the first thing it does is find itself there.
+    StartOptions options;
+    options.image = config.value.binaryPath;
+    options.workingDir = "/";
     SysStatus published;
-    auto started = StartDetachedProcess(config.value.binaryPath, [&](const DetachedProcess& process) {
+    options.beforeExec = [&](std::uint32_t pid) {
         ServiceStateRecord record;
-        record.pid = process.pid;
-        record.processStartTime = process.startTime;
+        record.pid = pid;
+        record.processStartTime = ProcessStartTime(pid).value_or(0);
         record.status.dwServiceType = config.value.serviceType;
         record.status.dwCurrentState = SERVICE_START_PENDING;
         record.status.dwWaitHint = 2000;
         published = store_.Write(name, record);
-    });
+    };
+    static const std::unique_ptr<ProcessApi> processes = MakeLinuxProcessApi();
+    auto started = processes->Start(options);
     if (!started) {
         ServiceStateRecord failed;
         failed.status.dwServiceType = config.value.serviceType;

@@ -13,14 +13,18 @@
 #include <gtest/gtest.h>
 
 #include "platform/services/service_dispatcher.h"
+#include "platform/sync/clock.h"
 #include "runtime/common/machine_profile.h"
 #include "runtime/common/strings.h"
+#include "support/eventually.h"
+#include "support/temp_dir.h"
 
 namespace qlb::platform {
 namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using qlb::testing::Eventually;
 
 class InMemoryDatabase final : public ServiceDatabase {
   public:
@@ -55,34 +59,12 @@ class RecordingSessions final : public SessionSource {
     DWORD active = kNoConsoleSession;
 };
 
-// Polls `pred` until it holds or the limit passes.
-template <typename Pred>
-bool Eventually(Pred pred, std::chrono::milliseconds limit = 10s) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < end) {
-        if (pred()) {
-            return true;
-        }
-        std::this_thread::sleep_for(5ms);
-    }
-    return pred();
-}
-
 class EmbeddedManagerTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        dir_ = fs::temp_directory_path() / ("qlb-esm-" + std::to_string(::getpid()) + "-" +
-                                            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(dir_);
-        fs::create_directories(dir_);
-        manager_ = std::make_unique<EmbeddedServiceManager>(std::make_unique<InMemoryDatabase>(),
-                                                            dir_ / "run", &sessions_, 10000);
-    }
     void TearDown() override {
         for (const auto pid : started_) {
             ::kill(static_cast<pid_t>(pid), SIGKILL);
         }
-        fs::remove_all(dir_);
     }
 
     ServiceConfig Config(const std::wstring& name, const fs::path& binary) {
@@ -94,16 +76,25 @@ class EmbeddedManagerTest : public ::testing::Test {
         return c;
     }
     // A service binary that never talks to the manager: it just lives.
-    fs::path SleeperScript() {
+    fs::path SleeperScript(mode_t mode = 0755) {
         const fs::path script = dir_ / "sleeper.sh";
         std::ofstream(script) << "#!/bin/sh\nexec sleep 60\n";
-        ::chmod(script.c_str(), 0755);
+        ::chmod(script.c_str(), mode);
         return script;
     }
+    // Starts the service and remembers its process for the clean-up.
+    SysStatus Start(const std::wstring& name) {
+        const auto st = manager_->StartService(name);
+        if (const auto record = ServiceStateStore(dir_ / "run").Read(name); st.ok() && record) {
+            started_.push_back(record->pid);
+        }
+        return st;
+    }
 
-    fs::path dir_;
+    qlb::testing::TempDir dir_;
     RecordingSessions sessions_;
-    std::unique_ptr<EmbeddedServiceManager> manager_;
+    std::unique_ptr<EmbeddedServiceManager> manager_ = std::make_unique<EmbeddedServiceManager>(
+        std::make_unique<InMemoryDatabase>(), dir_ / "run", &sessions_, 10000);
     std::vector<std::int64_t> started_;
 };
 
@@ -113,6 +104,10 @@ TEST_F(EmbeddedManagerTest, RegistrationLifecycle) {
     EXPECT_TRUE(manager_->OpenService(L"SVC", 0).ok());
     EXPECT_EQ(manager_->CreateService(Config(L"svc", "/bin/false")).error, win::ERROR_SERVICE_EXISTS);
     EXPECT_EQ(manager_->QueryServiceConfig(L"svc").value.binaryPath, L"/bin/true");
+    // Never started: stopped, and controls find nobody.
+    EXPECT_EQ(manager_->QueryServiceStatus(L"svc").value.dwCurrentState, SERVICE_STOPPED);
+    EXPECT_EQ(manager_->ControlService(L"svc", SERVICE_CONTROL_STOP, 0, 0).error,
+              win::ERROR_SERVICE_NOT_ACTIVE);
     ASSERT_TRUE(manager_->ChangeStartType(L"svc", SERVICE_DISABLED).ok());
     EXPECT_EQ(manager_->QueryServiceConfig(L"svc").value.startType, SERVICE_DISABLED);
     ASSERT_TRUE(manager_->DeleteService(L"svc").ok());
@@ -125,21 +120,25 @@ TEST_F(EmbeddedManagerTest, BadNamesAreRefused) {
     EXPECT_EQ(manager_->StartService(L"..\\x").error, win::ERROR_INVALID_NAME);
 }
 
-TEST_F(EmbeddedManagerTest, NeverStartedServiceIsStoppedAndRefusesControls) {
-    ASSERT_TRUE(manager_->CreateService(Config(L"svc", "/bin/true")).ok());
-    const auto status = manager_->QueryServiceStatus(L"svc");
-    ASSERT_TRUE(status.ok());
-    EXPECT_EQ(status.value.dwCurrentState, SERVICE_STOPPED);
-    EXPECT_EQ(manager_->ControlService(L"svc", SERVICE_CONTROL_STOP, 0, 0).error,
-              win::ERROR_SERVICE_NOT_ACTIVE);
-}
-
-TEST_F(EmbeddedManagerTest, StartOfMissingOrDisabledBinaryFails) {
-    ASSERT_TRUE(manager_->CreateService(Config(L"svc", dir_ / "nope")).ok());
-    EXPECT_EQ(manager_->StartService(L"svc").error, win::ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(manager_->QueryServiceStatus(L"svc").value.dwCurrentState, SERVICE_STOPPED);
-    ASSERT_TRUE(manager_->ChangeStartType(L"svc", SERVICE_DISABLED).ok());
-    EXPECT_EQ(manager_->StartService(L"svc").error, win::ERROR_SERVICE_DISABLED);
+TEST_F(EmbeddedManagerTest, StartOfAMissingUnrunnableOrDisabledBinaryFailsAndLeavesItStopped) {
+    const struct {
+        fs::path binary;
+        DWORD startType;
+        std::uint32_t error;
+    } cases[] = {
+        {dir_ / "nope", SERVICE_DEMAND_START, win::ERROR_FILE_NOT_FOUND},
+        {SleeperScript(0644), SERVICE_DEMAND_START, win::ERROR_ACCESS_DENIED},
+        {"/bin/true", SERVICE_DISABLED, win::ERROR_SERVICE_DISABLED},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.binary);
+        auto config = Config(L"svc", c.binary);
+        config.startType = c.startType;
+        (void)manager_->DeleteService(L"svc");
+        ASSERT_TRUE(manager_->CreateService(config).ok());
+        EXPECT_EQ(Start(L"svc").error, c.error);
+        EXPECT_EQ(manager_->QueryServiceStatus(L"svc").value.dwCurrentState, SERVICE_STOPPED);
+    }
 }
 
 TEST_F(EmbeddedManagerTest, ConcurrentStartsStartOneProcess) {
@@ -149,7 +148,7 @@ TEST_F(EmbeddedManagerTest, ConcurrentStartsStartOneProcess) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&] {
-            const auto st = manager_->StartService(L"svc");
+            const auto st = Start(L"svc");
             (st.ok() ? ok : already) += st.ok() || st.error == win::ERROR_SERVICE_ALREADY_RUNNING ? 1 : 0;
         });
     }
@@ -158,27 +157,19 @@ TEST_F(EmbeddedManagerTest, ConcurrentStartsStartOneProcess) {
     }
     EXPECT_EQ(ok.load(), 1);
     EXPECT_EQ(already.load(), 3);
-    const auto record = ServiceStateStore(dir_ / "run").Read(L"svc");
-    ASSERT_TRUE(record);
-    started_.push_back(record->pid);
     EXPECT_EQ(manager_->QueryServiceStatus(L"svc").value.dwCurrentState, SERVICE_START_PENDING);
 }
 
-TEST_F(EmbeddedManagerTest, ServiceThatDiesWithoutReportingShowsStopped) {
+TEST_F(EmbeddedManagerTest, ServiceThatDiesWithoutReportingShowsStoppedAndStartsAgain) {
     ASSERT_TRUE(manager_->CreateService(Config(L"svc", SleeperScript())).ok());
-    ASSERT_TRUE(manager_->StartService(L"svc").ok());
-    const auto record = ServiceStateStore(dir_ / "run").Read(L"svc");
-    ASSERT_TRUE(record);
-    started_.push_back(record->pid);
-    ASSERT_EQ(::kill(static_cast<pid_t>(record->pid), SIGKILL), 0);
+    ASSERT_TRUE(Start(L"svc").ok());
+    ASSERT_EQ(::kill(static_cast<pid_t>(started_.back()), SIGKILL), 0);
     ASSERT_TRUE(Eventually(
         [&] { return manager_->QueryServiceStatus(L"svc").value.dwCurrentState == SERVICE_STOPPED; }));
     EXPECT_EQ(manager_->QueryServiceStatus(L"svc").value.dwWin32ExitCode, win::ERROR_PROCESS_ABORTED);
     EXPECT_EQ(manager_->ControlService(L"svc", SERVICE_CONTROL_STOP, 0, 0).error,
               win::ERROR_SERVICE_NOT_ACTIVE);
-    // And it can be started again.
-    ASSERT_TRUE(manager_->StartService(L"svc").ok());
-    started_.push_back(ServiceStateStore(dir_ / "run").Read(L"svc")->pid);
+    EXPECT_TRUE(Start(L"svc").ok());
 }
 
 TEST_F(EmbeddedManagerTest, LogonAndUnlockMoveTheConsoleEvenToAStoppedService) {
@@ -193,51 +184,41 @@ TEST_F(EmbeddedManagerTest, LogonAndUnlockMoveTheConsoleEvenToAStoppedService) {
 
 // --- control delivery through the dispatcher, with this test process as the service process ---
 
-struct InProcessService {
-    static inline std::atomic<int> handled{0};
-    static inline std::atomic<DWORD> lastControl{0};
-    static inline std::atomic<DWORD> lastSession{0};
-    static inline std::atomic<bool> goRunning{false};
-    static inline SERVICE_STATUS_HANDLE handle = nullptr;
-};
-
-std::atomic<bool> g_stopRequested{false};
+// This test process as the service: its ServiceMain goes running and stops when told.
+std::atomic<int> g_handled{0};
+std::atomic<DWORD> g_lastSession{0};
 std::atomic<std::uint32_t> g_lateReportError{0};
-SERVICE_STATUS g_status;
+ManualResetEvent g_goRunning;
+ManualResetEvent g_stopRequested;
+SERVICE_STATUS_HANDLE g_handle = nullptr;
+
+SysStatus Report(DWORD state, DWORD accepted) {
+    const SERVICE_STATUS status{SERVICE_WIN32_OWN_PROCESS, state, accepted, 0, 0, 0, 0};
+    return SetServiceStatus(g_handle, &status);
+}
 
 DWORD TestHandler(DWORD control, DWORD, void* data, void*) {
-    InProcessService::lastControl = control;
     if (control == SERVICE_CONTROL_SESSIONCHANGE && data) {
-        InProcessService::lastSession = static_cast<WTSSESSION_NOTIFICATION*>(data)->dwSessionId;
+        g_lastSession = static_cast<WTSSESSION_NOTIFICATION*>(data)->dwSessionId;
     }
     if (control == SERVICE_CONTROL_STOP) {
-        const SERVICE_STATUS pending{SERVICE_WIN32_OWN_PROCESS, SERVICE_STOP_PENDING, 0xC5, 0, 0, 1, 3000};
-        (void)SetServiceStatus(InProcessService::handle, &pending);
-        g_stopRequested = true;
+        (void)Report(SERVICE_STOP_PENDING, 0xC5);
+        g_stopRequested.Set();
     }
-    ++InProcessService::handled;
+    ++g_handled;
     return 0;
 }
 
 void TestServiceMain(DWORD, wchar_t**) {
-    auto registered = RegisterServiceCtrlHandlerExW(L"InProc", TestHandler, nullptr);
-    InProcessService::handle = registered.value;
-    g_status = SERVICE_STATUS{SERVICE_WIN32_OWN_PROCESS, SERVICE_START_PENDING, 0xC4, 0, 0, 1, 3000};
-    (void)SetServiceStatus(InProcessService::handle, &g_status);
-    while (!InProcessService::goRunning) {
-        std::this_thread::sleep_for(1ms);
-    }
-    g_status = SERVICE_STATUS{SERVICE_WIN32_OWN_PROCESS, SERVICE_RUNNING, 0xC5, 0, 0, 0, 0};
-    (void)SetServiceStatus(InProcessService::handle, &g_status);
-    while (!g_stopRequested) {
-        std::this_thread::sleep_for(1ms);
-    }
-    g_status = SERVICE_STATUS{SERVICE_WIN32_OWN_PROCESS, SERVICE_STOPPED, 0, 0, 0, 0, 0};
-    (void)SetServiceStatus(InProcessService::handle, &g_status);
+    g_handle = RegisterServiceCtrlHandlerExW(L"InProc", TestHandler, nullptr).value;
+    (void)Report(SERVICE_START_PENDING, 0xC4);
+    g_goRunning.Wait(INFINITE);
+    (void)Report(SERVICE_RUNNING, 0xC5);
+    g_stopRequested.Wait(INFINITE);
+    (void)Report(SERVICE_STOPPED, 0);
     // A report that comes after the stopped one (the handler's closing report losing the race) must
     // not bring the service back to life.
-    SERVICE_STATUS late{SERVICE_WIN32_OWN_PROCESS, SERVICE_STOP_PENDING, 0xC5, 0, 0, 4, 0};
-    g_lateReportError = SetServiceStatus(InProcessService::handle, &late).error;
+    g_lateReportError = Report(SERVICE_STOP_PENDING, 0xC5).error;
 }
 
 TEST_F(EmbeddedManagerTest, DispatcherRefusesAProcessTheManagerDidNotStart) {
@@ -269,16 +250,16 @@ TEST_F(EmbeddedManagerTest, ControlsReachTheHandlerOneAtATimeAndObeyTheMask) {
     // Stop is not in the start-pending mask: refused, and the handler never sees it.
     EXPECT_EQ(manager_->ControlService(L"InProc", SERVICE_CONTROL_STOP, 0, 0).error,
               win::ERROR_INVALID_SERVICE_CONTROL);
-    EXPECT_EQ(InProcessService::handled.load(), 0);
+    EXPECT_EQ(g_handled.load(), 0);
 
     // A session change is accepted while pending, and has run when the call returns.
     const auto session =
         manager_->ControlService(L"InProc", SERVICE_CONTROL_SESSIONCHANGE, WTS_SESSION_LOCK, 9);
     ASSERT_TRUE(session.ok()) << session.error;
-    EXPECT_EQ(InProcessService::handled.load(), 1);
-    EXPECT_EQ(InProcessService::lastSession.load(), 9u);
+    EXPECT_EQ(g_handled.load(), 1);
+    EXPECT_EQ(g_lastSession.load(), 9u);
 
-    InProcessService::goRunning = true;
+    g_goRunning.Set();
     ASSERT_TRUE(Eventually(
         [&] { return manager_->QueryServiceStatus(L"InProc").value.dwCurrentState == SERVICE_RUNNING; }));
     // Pause is in no mask this service publishes.

@@ -7,24 +7,14 @@
 
 #include <gtest/gtest.h>
 
+#include "support/temp_dir.h"
+
 namespace qlb::platform {
 namespace {
 
-namespace fs = std::filesystem;
-
-class StateStoreTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        dir_ = fs::temp_directory_path() / ("qlb-state-" + std::to_string(::getpid()) + "-" +
-                                            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(dir_);
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-    fs::path dir_;
-};
-
-TEST_F(StateStoreTest, RecordIsReadBackUnderAnyCaseOfTheName) {
-    ServiceStateStore store(dir_);
+TEST(StateStore, RecordIsReadBackUnderAnyCaseOfTheName) {
+    const qlb::testing::TempDir dir;
+    ServiceStateStore store(dir.Path());
     ServiceStateRecord r;
     r.pid = 1234;
     r.processStartTime = 99;
@@ -38,8 +28,9 @@ TEST_F(StateStoreTest, RecordIsReadBackUnderAnyCaseOfTheName) {
     EXPECT_EQ(got->status.dwControlsAccepted, 0xC5u);
 }
 
-TEST_F(StateStoreTest, MalformedRecordReadsAsNone) {
-    ServiceStateStore store(dir_);
+TEST(StateStore, MalformedRecordReadsAsNone) {
+    const qlb::testing::TempDir dir;
+    ServiceStateStore store(dir.Path());
     ASSERT_TRUE(store.EnsureDirectory().ok());
     std::ofstream(store.StatusFile(L"svc")) << "{\"pid\": \"x\"}";
     EXPECT_FALSE(store.Read(L"svc"));

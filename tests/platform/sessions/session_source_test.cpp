@@ -6,11 +6,10 @@
 #include <gtest/gtest.h>
 
 #include "runtime/common/machine_profile.h"
+#include "support/temp_dir.h"
 
 namespace qlb::platform {
 namespace {
-
-namespace fs = std::filesystem;
 
 std::string CurrentUserName() {
     const passwd* pw = ::getpwuid(::getuid());
@@ -20,17 +19,11 @@ std::string CurrentUserName() {
 class SessionSourceTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        dir_ = fs::temp_directory_path() / ("qlb-sessions-" + std::to_string(::getpid()) + "-" +
-                                            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(dir_);
-        profile_.runDir = dir_;
+        profile_.runDir = dir_.Path();
         profile_.sessions = {{1, CurrentUserName()}, {2, "no-such-user-qlb"}};
     }
-    void TearDown() override {
-        SetCurrentSessionSource(nullptr);
-        fs::remove_all(dir_);
-    }
-    fs::path dir_;
+    void TearDown() override { SetCurrentSessionSource(nullptr); }
+    qlb::testing::TempDir dir_;
     MachineProfile profile_;
 };
 

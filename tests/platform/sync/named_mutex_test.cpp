@@ -7,25 +7,14 @@
 #include <gtest/gtest.h>
 
 #include "runtime/common/win_error.h"
+#include "support/temp_dir.h"
 
 namespace qlb::platform {
 namespace {
 
-namespace fs = std::filesystem;
-
-class NamedMutexTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        dir_ = fs::temp_directory_path() / ("qlb-mutex-" + std::to_string(::getpid()) + "-" +
-                                            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(dir_);
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-    fs::path dir_;
-};
-
-TEST_F(NamedMutexTest, ExistsExactlyWhileAHandleIsOpen) {
-    NamedMutexSpace space(dir_);
+TEST(NamedMutex, ExistsExactlyWhileAHandleIsOpen) {
+    const qlb::testing::TempDir dir;
+    NamedMutexSpace space(dir.Path());
     EXPECT_EQ(space.Open(L"QLBMainServiceHandle").error, win::ERROR_FILE_NOT_FOUND);
     auto created = space.Create(L"QLBMainServiceHandle");
     ASSERT_TRUE(created.ok());
@@ -47,8 +36,9 @@ TEST_F(NamedMutexTest, ExistsExactlyWhileAHandleIsOpen) {
     EXPECT_EQ(space.Open(L"QLBMainServiceHandle").error, win::ERROR_FILE_NOT_FOUND);
 }
 
-TEST_F(NamedMutexTest, AnotherProcessSeesItAndItDiesWithItsHolder) {
-    NamedMutexSpace space(dir_);
+TEST(NamedMutex, AnotherProcessSeesItAndItDiesWithItsHolder) {
+    const qlb::testing::TempDir dir;
+    NamedMutexSpace space(dir.Path());
     int ready[2];
     ASSERT_EQ(::pipe(ready), 0);
     const pid_t child = ::fork();
@@ -74,8 +64,8 @@ TEST_F(NamedMutexTest, AnotherProcessSeesItAndItDiesWithItsHolder) {
     ::close(ready[1]);
 }
 
-TEST_F(NamedMutexTest, EmptyNameIsInvalid) {
-    NamedMutexSpace space(dir_);
+TEST(NamedMutex, EmptyNameIsInvalid) {
+    NamedMutexSpace space("/nonexistent-qlb");
     EXPECT_EQ(space.Create(L"").error, win::ERROR_INVALID_NAME);
     EXPECT_EQ(space.Open(L"").error, win::ERROR_INVALID_NAME);
 }

@@ -3,9 +3,7 @@
 
 #include <signal.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -16,45 +14,36 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "support/eventually.h"
+#include "support/files.h"
+#include "support/temp_dir.h"
+
 namespace {
 
 namespace fs = std::filesystem;
-using namespace std::chrono_literals;
+using qlb::testing::Eventually;
+using qlb::testing::ReadFile;
 
 struct Result {
     int code = -1;
     std::string out;
 };
 
-std::string Quote(const std::string& s) {
-    std::string q = "'";
-    for (const char c : s) {
-        q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    }
-    return q + "'";
-}
-
 class Machine {
   public:
     Machine() {
-        // Short: socket paths under it must fit a Unix socket address.
-        static int serial = 0;
-        root_ = fs::temp_directory_path() /
-                ("qlb-life-" + std::to_string(::getpid()) + "-" + std::to_string(++serial));
-        fs::remove_all(root_);
-        fs::create_directories(root_);
         fs::copy(QLB_PROGRAM_DIR, bin(), fs::copy_options::recursive);
-        fs::create_directories(root_ / "dmi");
-        std::ofstream(root_ / "dmi" / "bios_date") << "01/02/2025\n";
+        fs::create_directories(root() / "dmi");
+        std::ofstream(root() / "dmi" / "bios_date") << "01/02/2025\n";
         nlohmann::json profile = {
-            {"registry", (root_ / "registry.db").string()},
-            {"appData", (root_ / "appdata/").string()},
-            {"logDir", (root_ / "log/").string()},
-            {"runDir", (root_ / "run/").string()},
+            {"registry", (root() / "registry.db").string()},
+            {"appData", (root() / "appdata/").string()},
+            {"logDir", (root() / "log/").string()},
+            {"runDir", (root() / "run/").string()},
             {"serviceManager", "embedded"},
-            {"systemRoot", (root_ / "root/").string()},
-            {"dmiDir", (root_ / "dmi/").string()},
-            {"watchdogDevice", (root_ / "WDT0001").string()},
+            {"systemRoot", (root() / "root/").string()},
+            {"dmiDir", (root() / "dmi/").string()},
+            {"watchdogDevice", (root() / "WDT0001").string()},
             {"power", "record"},
             {"sessions", {{"1", "nobody"}, {"2", "root"}}},
             {"activeSession", 1},
@@ -66,26 +55,24 @@ class Machine {
         if (const auto pid = ServicePid(); pid > 0) {
             ::kill(static_cast<pid_t>(pid), SIGKILL);
         }
-        fs::remove_all(root_);
     }
 
-    fs::path bin() const { return root_ / "bin"; }
-    fs::path root() const { return root_; }
+    // Short: socket paths under it must fit a Unix socket address.
+    const fs::path& root() const { return dir_.Path(); }
+    fs::path bin() const { return root() / "bin"; }
 
     Result Run(const std::string& tool, const std::vector<std::string>& args) const {
         std::string cmd = Quote((bin() / tool).string());
         for (const auto& a : args) {
             cmd += " " + Quote(a);
         }
-        cmd += " 2>&1";
         Result r;
-        FILE* p = ::popen(cmd.c_str(), "r");
+        FILE* p = ::popen((cmd + " 2>&1").c_str(), "r");
         if (!p) {
             return r;
         }
         char buf[4096];
-        size_t n;
-        while ((n = std::fread(buf, 1, sizeof(buf), p)) > 0) {
+        for (size_t n; (n = std::fread(buf, 1, sizeof(buf), p)) > 0;) {
             r.out.append(buf, n);
         }
         const int status = ::pclose(p);
@@ -96,22 +83,16 @@ class Machine {
     Result Sc(const std::vector<std::string>& args) const { return Run("qlbsc", args); }
 
     std::int64_t ServicePid() const {
-        std::ifstream in(root_ / "run" / "services" / "qlbmainservice.status");
-        const auto j = nlohmann::json::parse(in, nullptr, false);
+        const auto j =
+            nlohmann::json::parse(ReadFile(root() / "run/services/qlbmainservice.status"), nullptr, false);
         return j.is_object() ? j.value("pid", std::int64_t{0}) : 0;
     }
-    std::string Log() const {
-        std::ifstream in(root_ / "log" / "QuillbarService.log");
-        std::string text;
-        for (std::string line; std::getline(in, line);) {
-            text += line + "\n";
-        }
-        return text;
+    bool Logged(const std::string& text) const {
+        return ReadFile(root() / "log/QuillbarService.log").find(text) != std::string::npos;
     }
     std::vector<nlohmann::json> Events(const std::string& code) const {
         std::vector<nlohmann::json> out;
-        std::ifstream in(root_ / "appdata" / "telemetry" / "events.jsonl");
-        for (std::string line; std::getline(in, line);) {
+        for (const auto& line : qlb::testing::ReadLines(root() / "appdata/telemetry/events.jsonl")) {
             auto j = nlohmann::json::parse(line, nullptr, false);
             if (j.is_object() && j.value("eventId", "") == code) {
                 out.push_back(j);
@@ -124,29 +105,16 @@ class Machine {
     }
 
   private:
-    fs::path root_;
-};
-
-template <typename Pred>
-bool Eventually(Pred pred, std::chrono::milliseconds limit = 20s) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < end) {
-        if (pred()) {
-            return true;
+    static std::string Quote(const std::string& s) {
+        std::string q = "'";
+        for (const char c : s) {
+            q += c == '\'' ? std::string("'\\''") : std::string(1, c);
         }
-        std::this_thread::sleep_for(20ms);
+        return q + "'";
     }
-    return pred();
-}
 
-std::vector<unsigned char> Bytes(const fs::path& f) {
-    std::error_code ec;
-    const auto size = fs::file_size(f, ec);
-    std::vector<unsigned char> bytes(ec ? 0 : size);
-    std::ifstream in(f, std::ios::binary);
-    in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    return bytes;
-}
+    qlb::testing::TempDir dir_;
+};
 
 TEST(ServiceLifecycle, InstallStartControlStopUninstall) {
     Machine m;
@@ -164,6 +132,7 @@ TEST(ServiceLifecycle, InstallStartControlStopUninstall) {
         << r.out;
     EXPECT_NE(r.out.find("Start    REG_DWORD    0x2"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("Type    REG_DWORD    0x10"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("ErrorControl    REG_DWORD    0x0"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("DisplayName    REG_SZ    ZorVane Assistant Windows Service"), std::string::npos);
     r = m.Sc({"query", "QLBMainService"});
     EXPECT_EQ(r.code, 0);
@@ -186,7 +155,7 @@ TEST(ServiceLifecycle, InstallStartControlStopUninstall) {
     EXPECT_EQ(m.Events("619000001").size(), 1u);
     ASSERT_EQ(m.Events("607001005").size(), 1u);
     EXPECT_EQ(m.Events("607001005")[0]["infoText"], "01/02/2025");
-    EXPECT_NE(m.Log().find("ServiceMain Enter ReportStatus.(PrepareService)"), std::string::npos);
+    EXPECT_TRUE(m.Logged("ServiceMain Enter ReportStatus.(PrepareService)"));
 
     // A second start starts nothing and says so.
     const auto pid = m.ServicePid();
@@ -203,22 +172,19 @@ TEST(ServiceLifecycle, InstallStartControlStopUninstall) {
     const std::string missing =
         "CreateFile " + (m.root() / "WDT0001").string() + " failed with code 2. return";
     EXPECT_EQ(m.Sc({"control", "QLBMainService", "powerevent", "suspend"}).code, 0);
-    EXPECT_NE(m.Log().find(missing), std::string::npos);
+    EXPECT_TRUE(m.Logged(missing));
     std::ofstream(m.root() / "WDT0001").close();
     EXPECT_EQ(m.Sc({"control", "QLBMainService", "powerevent", "resumeautomatic"}).code, 0);
-    EXPECT_TRUE(Bytes(m.root() / "WDT0001").empty());
+    EXPECT_TRUE(ReadFile(m.root() / "WDT0001").empty());
     EXPECT_EQ(m.Sc({"control", "QLBMainService", "powerevent", "4"}).code, 0);
-    auto bytes = Bytes(m.root() / "WDT0001");
-    ASSERT_EQ(bytes.size(), 24u);
-    EXPECT_EQ(bytes[0], 6);
+    const auto request = ReadFile(m.root() / "WDT0001");
+    ASSERT_EQ(request.size(), 24u);
+    EXPECT_EQ(request[0], 6);
 
     // Sessions: an unlock moves the console for every process of the product.
     EXPECT_EQ(m.Sc({"control", "QLBMainService", "sessionchange", "lock", "1"}).code, 0);
     EXPECT_EQ(m.Sc({"control", "QLBMainService", "sessionchange", "unlock", "2"}).code, 0);
-    std::ifstream active(m.root() / "run" / "sessions" / "active");
-    std::string activeText;
-    std::getline(active, activeText);
-    EXPECT_EQ(activeText, "2");
+    EXPECT_EQ(qlb::testing::ReadLines(m.root() / "run/sessions/active"), std::vector<std::string>{"2"});
 
     // Refused controls change nothing.
     r = m.Sc({"control", "QLBMainService", "paramchange"});
@@ -230,7 +196,7 @@ TEST(ServiceLifecycle, InstallStartControlStopUninstall) {
     EXPECT_EQ(m.Service("/stop").code, 0);
     ASSERT_TRUE(Eventually([&] { return m.StateIs("1  STOPPED"); }));
     EXPECT_EQ(m.Events("619000005").size(), 1u);
-    EXPECT_NE(m.Log().find("ServiceMain loop exit.(ServiceMain)"), std::string::npos);
+    EXPECT_TRUE(m.Logged("ServiceMain loop exit.(ServiceMain)"));
     r = m.Sc({"stop", "QLBMainService"});
     EXPECT_EQ(r.code, 1);
     EXPECT_NE(r.out.find("[SC] ControlService FAILED 1062:\n\nThe service has not been started."),
@@ -252,9 +218,9 @@ TEST(ServiceLifecycle, ShutdownControlTellsTheWatchdogAndLeavesTheServiceRunning
     std::ofstream(m.root() / "WDT0001").close();
     const auto r = m.Sc({"control", "QLBMainService", "shutdown"});
     EXPECT_EQ(r.code, 0) << r.out;
-    const auto bytes = Bytes(m.root() / "WDT0001");
-    ASSERT_EQ(bytes.size(), 24u);
-    EXPECT_EQ(bytes[0], 5);
+    const auto request = ReadFile(m.root() / "WDT0001");
+    ASSERT_EQ(request.size(), 24u);
+    EXPECT_EQ(request[0], 5);
     EXPECT_TRUE(m.StateIs("4  RUNNING"));
     EXPECT_EQ(m.Events("619000005").size(), 0u);
 }
@@ -300,9 +266,8 @@ TEST(ServiceLifecycle, StartedByHandTheServiceRoleFailsAndExitsWithZero) {
     Machine m;
     const auto r = m.Run("qlbmainservice", {});
     EXPECT_EQ(r.code, 0);
-    const auto log = m.Log();
-    EXPECT_NE(log.find("[main] installpatch end.(wmain)"), std::string::npos);
-    EXPECT_EQ(log.find("ServiceMain enter."), std::string::npos);
+    EXPECT_TRUE(m.Logged("[main] installpatch end.(wmain)"));
+    EXPECT_FALSE(m.Logged("ServiceMain enter."));
 }
 
 TEST(ServiceLifecycle, UnknownSwitchDoesNothingAndExitsWithZero) {
@@ -310,9 +275,9 @@ TEST(ServiceLifecycle, UnknownSwitchDoesNothingAndExitsWithZero) {
     ASSERT_EQ(m.Service("/install").code, 0);
     EXPECT_EQ(m.Service("/bogus").code, 0);
     EXPECT_EQ(m.Service("/STATUS").code, 0);
-    EXPECT_NE(m.Log().find("[main] ProcServiceOperation Result : 0(wmain)"), std::string::npos);
-    EXPECT_NE(m.Log().find("[main] ProcServiceOperation Result : 1(wmain)"), std::string::npos);
-    EXPECT_EQ(m.Log().find("installpatch start"), std::string::npos);
+    EXPECT_TRUE(m.Logged("[main] ProcServiceOperation Result : 0(wmain)"));
+    EXPECT_TRUE(m.Logged("[main] ProcServiceOperation Result : 1(wmain)"));
+    EXPECT_FALSE(m.Logged("installpatch start"));
     EXPECT_TRUE(m.StateIs("1  STOPPED"));
 }
 
