@@ -7,7 +7,6 @@
 #include "consent/agreement_service.h"
 #include "consent/consent_keys.h"
 #include "runtime/common/app_paths.h"
-#include "runtime/http/url_loader.h"
 #include "support/consent_test_env.h"
 #include "support/consent_test_peer.h"
 
@@ -62,24 +61,6 @@ TEST_F(AgreementServerTest, VersionRequestIsJsonWithSortedKeysAndTheCountryInFor
     }
 }
 
-TEST_F(AgreementServerTest, MalformedRepliesGive400AndLeaveTheVersion) {
-    for (const char* reply : {"", "not json", "[1,2]", "{}", R"({"errorCode":"0"})", R"({"errorCode":0.5})",
-                              R"({"errorCode":null})", "{\"errorCode\":0"}) {
-        Answer(reply);
-        std::string version = "kept";
-        EXPECT_EQ(service().GetLatestVersion("1", version), 400) << reply;
-        EXPECT_EQ(version, "kept") << reply;
-    }
-    EXPECT_TRUE(
-        Logged("ERROR parse interval info to json failed.\n(AgreementService::AnalyzeResponseErrorCode)"));
-
-    Answer(R"({"errorCode":0,"versionInfo":[{"agrType":133}]})");
-    std::string version = "kept";
-    EXPECT_EQ(service().GetLatestVersion("1", version), 0);
-    EXPECT_EQ(version, "");
-    EXPECT_TRUE(Logged("ERROR get compoments value fail(AgreementService::AnalyzeVersionResponse)"));
-}
-
 TEST_F(AgreementServerTest, NoHostGives2WithoutARequest) {
     profile().services.clear();
     ApplyProfile();
@@ -91,7 +72,13 @@ TEST_F(AgreementServerTest, NoHostGives2WithoutARequest) {
     EXPECT_TRUE(Logged("WARN can not get serverHost from rlx(AgreementService::GetServerHost)"));
 }
 
-TEST_F(AgreementServerTest, RefusedConnectionIsOneAttemptAndA400) {
+TEST_F(AgreementServerTest, FailedExchangesAreOneAttemptEachAndGive400) {
+    std::string version = "kept";
+    Answer("not json");
+    EXPECT_EQ(service().GetLatestVersion("1", version), 400);
+    Answer("", HttpReply::kHoldWithoutReply);  // bounded by the timeout
+    EXPECT_EQ(service().GetLatestVersion("1", version), 400);
+    EXPECT_TRUE(Logged("return code: 28 count:0"));
     int closedPort = 0;
     {
         const qlb::testing::HttpTestServer closed;
@@ -100,18 +87,10 @@ TEST_F(AgreementServerTest, RefusedConnectionIsOneAttemptAndA400) {
     profile().services[kAgreementServiceName][kRlxKeyCommonApi] =
         "https://127.0.0.1:" + std::to_string(closedPort);
     ApplyProfile();
-    std::string version;
     EXPECT_EQ(service().GetLatestVersion("1", version), 400);
     EXPECT_TRUE(Logged("count:0(AgreementService::SendRequest)"));
     EXPECT_FALSE(Logged("count:1"));
-}
-
-TEST_F(AgreementServerTest, HangingHostIsBoundedByTheTimeout) {
-    Answer("", HttpReply::kHoldWithoutReply);
-    std::string version = "kept";
-    EXPECT_EQ(service().GetLatestVersion("1", version), 400);
     EXPECT_EQ(version, "kept");
-    EXPECT_TRUE(Logged("return code: 28 count:0"));
 }
 
 TEST_F(AgreementServerTest, SignIsAFormWithTokenAndRequestEncoded) {
@@ -169,10 +148,19 @@ TEST_F(ReplyAnalysisTest, ErrorCodeMustBeAnIntegerOfAnObject) {
         {R"({"errorCode":[0]})", 400},
         {"0", 400},
         {"", 400},
+        {"not json", 400},
+        {"[1,2]", 400},
+        {"{}", 400},
+        {R"({"errorCode":"0"})", 400},
+        {R"({"errorCode":0.5})", 400},
+        {R"({"errorCode":null})", 400},
+        {"{\"errorCode\":0", 400},
     };
     for (const auto& [reply, code] : cases) {
         EXPECT_EQ(ConsentTestPeer::AnalyzeResponseErrorCode(reply), code) << reply;
     }
+    EXPECT_TRUE(
+        Logged("ERROR parse interval info to json failed.\n(AgreementService::AnalyzeResponseErrorCode)"));
 }
 
 TEST_F(ReplyAnalysisTest, VersionIsTheLastElementsWhateverItsType) {
@@ -182,11 +170,13 @@ TEST_F(ReplyAnalysisTest, VersionIsTheLastElementsWhateverItsType) {
         {R"({"versionInfo":{}})", ""},
         {R"({"versionInfo":[{"agrType":133,"latestVersion":"1"}]})", ""},
         {R"({"versionInfo":[7]})", ""},
+        {R"({"versionInfo":[{"agrType":133}]})", ""},
     };
     for (const auto& [reply, version] : cases) {
         EXPECT_EQ(AgreementService::GetInstance()->AnalyzeVersionResponse(reply), version) << reply;
     }
     EXPECT_TRUE(Logged("ERROR components not exist(AgreementService::AnalyzeVersionResponse)"));
+    EXPECT_TRUE(Logged("ERROR get compoments value fail(AgreementService::AnalyzeVersionResponse)"));
 }
 
 TEST_F(ReplyAnalysisTest, RecordReplyOfTheWrongShapeIs400AndWritesNothingFurther) {
@@ -207,15 +197,6 @@ TEST_F(ReplyAnalysisTest, RecordReplyOfTheWrongShapeIs400AndWritesNothingFurther
 TEST(UrlHelpers, UrlEncodeKeepsUnreservedAndEncodesTheRest) {
     EXPECT_EQ(LogUtil::UrlEncode("aZ09-_.~"), "aZ09-_.~");
     EXPECT_EQ(LogUtil::UrlEncode("{\"a\":1} é"), "%7B%22a%22%3A1%7D%20%C3%A9");
-}
-
-TEST(UrlHelpers, LoaderStartedTwiceStopsOnce) {
-    UrlLoader& loader = UrlLoader::GetInstance();
-    loader.Start();
-    loader.Start();
-    EXPECT_TRUE(loader.IsRunning());
-    loader.Stop();
-    EXPECT_FALSE(loader.IsRunning());
 }
 
 }  // namespace

@@ -128,15 +128,6 @@ TEST_F(PrivacyNodeTest, FirstEntryNotAboveTheInstalledVersionApplies) {
     EXPECT_TRUE(Logged("WARN Invalid input (ExplainPrivacyXml::InitLocalVersionAndBranchId)"));
 }
 
-TEST_F(PrivacyNodeTest, MissingCountryFallsBackToCommonAndAnUnknownBrandFails) {
-    ZvXmlElement node;
-    EXPECT_EQ(ConsentTestPeer::GetPrivacyNode("FR", document_, node), 0);
-    EXPECT_EQ(node.FirstNode("branch_id").Value(), "b20");
-    SetBrand("Other");
-    EXPECT_EQ(ConsentTestPeer::GetPrivacyNode("CN", document_, node), 1102);
-    EXPECT_TRUE(node.IsElementNull());
-}
-
 TEST_F(PrivacyNodeTest, BrokenElementsEndTheWalkWithTheirLogLines) {
     const std::pair<const char*, const char*> cases[] = {
         {R"(<p><brand/><brand name="zorvane"/></p>)", "find brandNameAttribute name failed"},
@@ -152,26 +143,6 @@ TEST_F(PrivacyNodeTest, BrokenElementsEndTheWalkWithTheirLogLines) {
             << xml;
         EXPECT_TRUE(Logged(line)) << line;
     }
-}
-
-TEST_F(PrivacyNodeTest, EntryVersionAndBranchNeedBothElementsAndALegalBranch) {
-    ZvXMLDocument doc;
-    ASSERT_EQ(doc.Parse(R"(<p><a><privacy_version>5</privacy_version><branch_id>bb9</branch_id></a>)"
-                        R"(<b><privacy_version>5</privacy_version></b>)"
-                        R"(<c><privacy_version>5</privacy_version><branch_id>bbb</branch_id></c></p>)"),
-              0);
-    std::string version;
-    std::string branch;
-    EXPECT_TRUE(
-        ConsentTestPeer::GetVersionFromPrivacyNode(doc.RootElement().FirstNode("a"), version, branch));
-    EXPECT_EQ(version, "5");
-    EXPECT_EQ(branch, "9");
-    EXPECT_FALSE(
-        ConsentTestPeer::GetVersionFromPrivacyNode(doc.RootElement().FirstNode("b"), version, branch));
-    EXPECT_FALSE(
-        ConsentTestPeer::GetVersionFromPrivacyNode(doc.RootElement().FirstNode("c"), version, branch));
-    EXPECT_TRUE(Logged("branchId illegalbbb"));
-    EXPECT_FALSE(ConsentTestPeer::GetVersionFromPrivacyNode(ZvXmlElement(), version, branch));
 }
 
 // Whole refreshes of the shipped document, installed 11.0.0.1 on a zorvane device.
@@ -320,6 +291,7 @@ TEST_F(RefreshTest, IllegalBranchInTheWalkIsALocalFailure) {
     ServeVersions("0=5");
     EXPECT_EQ(ExplainPrivacyXml::InitPrivacy(), 1102);
     EXPECT_EQ(BranchesAsked(), "0 4");
+    EXPECT_TRUE(Logged("branchId illegalbbb"));
 }
 
 TEST_F(RefreshTest, BadPrivacyFileOrUnknownDeviceIsALocalFailure) {

@@ -10,7 +10,6 @@
 #include "consent/consent_context.h"
 #include "consent/consent_keys.h"
 #include "support/consent_test_env.h"
-#include "support/consent_test_peer.h"
 
 namespace qlb::consent::testing {
 namespace {
@@ -64,13 +63,6 @@ TEST_F(RecordsTest, AgreeCacheIsTrueOnlyForExactlyOne) {
     EXPECT_FALSE(AgreementSign::GetAgreeCache());
     SetUserValue(kAgreementServiceKey, kWndAgreeCacheValue, "11");
     EXPECT_FALSE(AgreementSign::GetAgreeCache());
-}
-
-TEST_F(RecordsTest, AgreeFlagIsWrittenAndTheDeleteLeavesIt) {
-    ConsentTestPeer::RecordeAgreeFlag();
-    EXPECT_EQ(UserValue(kAgreementServiceKey, kAgreeFlagValue), "1");
-    ConsentTestPeer::DeleteAgreeFlag();
-    EXPECT_EQ(UserValue(kAgreementServiceKey, kAgreeFlagValue), "1");
 }
 
 TEST_F(RecordsTest, LoginRecordIsOnlyWrittenForALoggedInUser) {
@@ -141,21 +133,6 @@ TEST_F(RecordsTest, LoginCacheCopiesTheVersionsInForceAndGoesStaleWhenOneIsNewer
     service().DeleteCache();
     EXPECT_FALSE(service().IfHaveCache());
     EXPECT_FALSE(UserKeyExists(kRecordWithLoginCacheKey));
-}
-
-TEST_F(RecordsTest, BranchOfARecordIsComparedWithTheBranchInForce) {
-    SetUserValue(kWithLoginLocalVersionKey, kBranchIdValue, "21");
-    SetUserValue(kRecordWithLoginKey, kBranchIdValue, "21");
-    SetUserValue(kRecordWithLoginCacheKey, kBranchIdValue, "11");
-    EXPECT_EQ(ConsentTestPeer::JudgeBranchId(kRecordWithLoginKey), -1);
-    EXPECT_EQ(ConsentTestPeer::JudgeBranchId(kRecordWithLoginCacheKey), 1);
-    EXPECT_EQ(ConsentTestPeer::JudgeBranchId(kRecordWithLoginCacheServiceKey), 1);
-    // Anything else compares the privacy statement's intact record with the without-login branch.
-    SetUserValue(kWithoutLoginLocalVersionKey, kBranchIdValue, "21");
-    SetUserValue(kIntactPrivacy, kIntactBranchIdValue, "21");
-    EXPECT_EQ(ConsentTestPeer::JudgeBranchId(L"\\Anything"), -1);
-    SetUserValue(kIntactPrivacy, kIntactBranchIdValue, "3");
-    EXPECT_EQ(ConsentTestPeer::JudgeBranchId(L"\\Anything"), 1);
 }
 
 TEST_F(RecordsTest, QdsSupportAndTheAgreeCacheDecideFirst) {

@@ -4,15 +4,10 @@
 #include <string>
 
 #include "consent/agreement_service.h"
-#include "consent/agreement_sign.h"
 #include "consent/explain_privacy_xml.h"
 #include "runtime/xml/zv_xml.h"
 
 struct ConsentTestPeer {
-    static void RecordeAgreeFlag() { AgreementSign::RecordeAgreeFlag(); }
-    static void DeleteAgreeFlag() { AgreementSign::DeleteAgreeFlag(); }
-    static int JudgeBranchId(const std::wstring& path) { return AgreementSign::JudgeBranchId(path); }
-
     static int AnalyzeResponseErrorCode(const std::string& reply) {
         return AgreementService::GetInstance()->AnalyzeResponseErrorCode(reply);
     }
@@ -23,12 +18,5 @@ struct ConsentTestPeer {
     static ZvXmlElement InitLocalVersionAndBranchId(const ZvXmlElement& root, const std::string& brand,
                                                     const std::string& version, const std::string& country) {
         return ExplainPrivacyXml::InitLocalVersionAndBranchId(root, brand, version, country);
-    }
-    static int GetPrivacyNode(const std::string& country, const ZvXMLDocument& document, ZvXmlElement& node) {
-        return ExplainPrivacyXml::GetPrivacyNode(country, document, node);
-    }
-    static bool GetVersionFromPrivacyNode(const ZvXmlElement& node, std::string& version,
-                                          std::string& branchId) {
-        return ExplainPrivacyXml::GetVersionFromPrivacyNode(node, version, branchId);
     }
 };
