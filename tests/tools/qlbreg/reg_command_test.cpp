@@ -75,75 +75,64 @@ TEST_F(RegCommandTest, QueryPrintsWhatTheConsoleToolPrints) {
     Set(L"R\\b", RegValue::Dword(L"START", 3));
     Set(L"S-1-5-18\\K", RegValue::Dword(L"v", 1), HKEY_USERS);
     Set(L"K", RegValue::Dword(L"v", 1), HKEY_CURRENT_CONFIG);
-    const struct {
-        std::vector<std::string> args;
-        int status;
-        std::string out;
-        std::string err;
-    } cases[] = {
+    const std::pair<std::vector<std::string>, std::string> shown[] = {
         {{"query", "HKLM\\Software\\Foo"},
-         0,
          "\nHKEY_LOCAL_MACHINE\\Software\\Foo\n"
          "    Path    REG_SZ    /opt/q\n"
          "    Start    REG_DWORD    0xabcdef01\n"
          "\n"
          "HKEY_LOCAL_MACHINE\\Software\\Foo\\Alpha\n"
-         "HKEY_LOCAL_MACHINE\\Software\\Foo\\beta\n",
-         ""},
-        {{"QUERY", "hkey_local_machine\\Software\\Bar\\"},
-         0,
-         "\nHKEY_LOCAL_MACHINE\\Software\\Bar\\Sub\n",
-         ""},
+         "HKEY_LOCAL_MACHINE\\Software\\Foo\\beta\n"},
+        {{"QUERY", "hkey_local_machine\\Software\\Bar\\"}, "\nHKEY_LOCAL_MACHINE\\Software\\Bar\\Sub\n"},
         {{"query", "HKLM\\Software\\Foo", "/v", "START"},
-         0,
-         "\nHKEY_LOCAL_MACHINE\\Software\\Foo\n    Start    REG_DWORD    0xabcdef01\n\n",
-         ""},
-        {{"query", "HKLM\\D", "/ve"}, 0, "\nHKEY_LOCAL_MACHINE\\D\n    (Default)    REG_SZ    text\n\n", ""},
+         "\nHKEY_LOCAL_MACHINE\\Software\\Foo\n    Start    REG_DWORD    0xabcdef01\n\n"},
+        {{"query", "HKLM\\D", "/ve"}, "\nHKEY_LOCAL_MACHINE\\D\n    (Default)    REG_SZ    text\n\n"},
         {{"query", "HKLM\\Software\\Bar", "/ve"},
-         0,
-         "\nHKEY_LOCAL_MACHINE\\Software\\Bar\n    (Default)    REG_SZ    (value not set)\n\n",
-         ""},
+         "\nHKEY_LOCAL_MACHINE\\Software\\Bar\n    (Default)    REG_SZ    (value not set)\n\n"},
         {{"query", "HKLM\\T"},
-         0,
          "\nHKEY_LOCAL_MACHINE\\T\n"
          "    q    REG_QWORD    0x1234567890\n"
          "    b    REG_BINARY    0AFF00\n"
          "    m    REG_MULTI_SZ    one\\0two\n"
          "    e    REG_EXPAND_SZ    %ROOT%\\x\n"
          "    名前    REG_SZ    データ ✓\n"
-         "\n",
-         ""},
+         "\n"},
         {{"query", "HKLM\\R", "/s"},
-         0,
          "\nHKEY_LOCAL_MACHINE\\R\n    Start    REG_DWORD    0x1\n"
          "\nHKEY_LOCAL_MACHINE\\R\\a\n"
          "\nHKEY_LOCAL_MACHINE\\R\\a\\deep\n    v    REG_SZ    x\n"
-         "\nHKEY_LOCAL_MACHINE\\R\\b\n    START    REG_DWORD    0x3\n",
-         ""},
+         "\nHKEY_LOCAL_MACHINE\\R\\b\n    START    REG_DWORD    0x3\n"},
         {{"query", "HKLM\\R", "/v", "start", "/s"},
-         0,
          "\nHKEY_LOCAL_MACHINE\\R\n    Start    REG_DWORD    0x1\n"
          "\nHKEY_LOCAL_MACHINE\\R\\b\n    START    REG_DWORD    0x3\n"
-         "\nEnd of search: 2 match(es) found.\n",
-         ""},
-        {{"query", "HKLM\\R", "/s", "/v", "nothing"}, 1, "\nEnd of search: 0 match(es) found.\n", ""},
+         "\nEnd of search: 2 match(es) found.\n"},
         {{"query", "HKU\\S-1-5-18\\K", "/v", "v"},
-         0,
-         "\nHKEY_USERS\\S-1-5-18\\K\n    v    REG_DWORD    0x1\n\n",
-         ""},
-        {{"query", "hkcc\\K", "/v", "v"}, 0, "\nHKEY_CURRENT_CONFIG\\K\n    v    REG_DWORD    0x1\n\n", ""},
-        {{"query", "HKLM\\Nope"}, 1, "", kNotFound},
-        {{"query", "HKLM\\Nope", "/s"}, 1, "", kNotFound},
-        {{"query", "HKLM\\D", "/v", "nope"}, 1, "", kNotFound},
-        {{"delete", "HKLM", "/f"}, 1, "", "ERROR: Invalid key name.\nType \"REG DELETE /?\" for usage.\n"},
+         "\nHKEY_USERS\\S-1-5-18\\K\n    v    REG_DWORD    0x1\n\n"},
+        {{"query", "hkcc\\K", "/v", "v"}, "\nHKEY_CURRENT_CONFIG\\K\n    v    REG_DWORD    0x1\n\n"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(::testing::PrintToString(c.args));
-        const auto r = Run(c.args);
-        EXPECT_EQ(r.status, c.status);
-        EXPECT_EQ(r.out, c.out);
-        EXPECT_EQ(r.err, c.err);
+    for (const auto& [args, out] : shown) {
+        SCOPED_TRACE(::testing::PrintToString(args));
+        const auto r = Run(args);
+        EXPECT_EQ(r.status, 0);
+        EXPECT_EQ(r.out, out);
+        EXPECT_EQ(r.err, "");
     }
+    const std::pair<std::vector<std::string>, std::string> failed[] = {
+        {{"query", "HKLM\\Nope"}, kNotFound},
+        {{"query", "HKLM\\Nope", "/s"}, kNotFound},
+        {{"query", "HKLM\\D", "/v", "nope"}, kNotFound},
+        {{"delete", "HKLM", "/f"}, "ERROR: Invalid key name.\nType \"REG DELETE /?\" for usage.\n"},
+    };
+    for (const auto& [args, err] : failed) {
+        SCOPED_TRACE(::testing::PrintToString(args));
+        const auto r = Run(args);
+        EXPECT_EQ(r.status, 1);
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(r.err, err);
+    }
+    const auto none = Run({"query", "HKLM\\R", "/s", "/v", "nothing"});
+    EXPECT_EQ(none.status, 1);
+    EXPECT_EQ(none.out, "\nEnd of search: 0 match(es) found.\n");
 }
 
 TEST_F(RegCommandTest, BadCommandLinesAreRefusedBeforeTheStoreIsOpened) {
