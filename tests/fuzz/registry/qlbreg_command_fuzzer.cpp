@@ -3,12 +3,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <algorithm>
 #include <cstdlib>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "reg_command.h"
+#include "runtime/common/strings.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const auto store = qlb::registry::RegistryStore::Open(":memory:").value;
@@ -19,16 +21,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto nul = text.find('\0');
     const std::string words = text.substr(0, nul);
     std::istringstream in(nul == std::string::npos ? std::string() : text.substr(nul + 1));
-    std::vector<std::string> args;
-    std::size_t start = 0;
-    while (start <= words.size() && args.size() < 16) {
-        const auto nl = words.find('\n', start);
-        args.push_back(words.substr(start, nl == std::string::npos ? std::string::npos : nl - start));
-        if (nl == std::string::npos) {
-            break;
-        }
-        start = nl + 1;
-    }
+    auto args = qlb::Split(words, '\n');
+    args.resize(std::min<std::size_t>(args.size(), 16));
     std::ostringstream out;
     std::ostringstream err;
     const int status = qlb::regtool::RunRegCommand(args, in, out, err, [] {

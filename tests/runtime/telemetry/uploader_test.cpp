@@ -179,23 +179,25 @@ TEST_F(Upload, FailingServerLosesNothingAndGetsNothingTwice) {
     EXPECT_EQ(ReadUploadOffset(offsetFile)->offset, acknowledged);
 }
 
-TEST_F(Upload, RestartGoesOnFromTheSavedOffset) {
+TEST_F(Upload, OneUploaderPerSpoolAndARestartGoesOnFromTheSavedOffset) {
     Send(3);
+    const auto firstEnd = SpoolSize();
     {
         Uploader first(Options());
+        Uploader second(Options());
         ASSERT_EQ(first.RunOnce(), Round::Sent);
+        Send(2);
+        EXPECT_EQ(second.RunOnce(), Round::Idle);  // the first holds the spool
     }
-    const auto firstEnd = SpoolSize();
-    Send(2);
-    Uploader second(Options());
-    EXPECT_EQ(std::to_string(second.AcknowledgedOffset()), firstEnd);
-    ASSERT_EQ(second.RunOnce(), Round::Sent);
+    Uploader restarted(Options());
+    EXPECT_EQ(std::to_string(restarted.AcknowledgedOffset()), firstEnd);
+    ASSERT_EQ(restarted.RunOnce(), Round::Sent);
     EXPECT_EQ(Header(1, "x-qlb-batch-offset"), firstEnd);
     EXPECT_EQ(Header(1, "x-qlb-batch-count"), "2");
     // A new spool, shorter than the saved offset, is read from its beginning.
     std::filesystem::remove(SpoolFile());
     Send(1);
-    ASSERT_EQ(second.RunOnce(), Round::Sent);
+    ASSERT_EQ(restarted.RunOnce(), Round::Sent);
     EXPECT_EQ(Header(2, "x-qlb-batch-offset"), "0");
     EXPECT_EQ(Header(2, "x-qlb-batch-count"), "1");
     ExpectEachAcceptedOnce();
@@ -212,17 +214,6 @@ TEST_F(Upload, IncompleteLastLineWaitsAndBrokenLineIsPassedOver) {
     EXPECT_EQ(Header(0, "x-qlb-batch-count"), "2");
     EXPECT_EQ(Header(0, "x-qlb-batch-end"), complete);
     EXPECT_EQ(uploader.RunOnce(), Round::Idle);
-    ExpectEachAcceptedOnce();
-}
-
-TEST_F(Upload, OneUploaderPerSpool) {
-    Send(1);
-    Uploader first(Options());
-    Uploader second(Options());
-    ASSERT_EQ(first.RunOnce(), Round::Sent);
-    Send(1);
-    EXPECT_EQ(second.RunOnce(), Round::Idle);  // the first holds the spool
-    EXPECT_EQ(first.RunOnce(), Round::Sent);
     ExpectEachAcceptedOnce();
 }
 
