@@ -332,7 +332,8 @@ TEST_F(RefreshTest, RefreshThenDecisionAcrossANewerServerVersion) {
     EXPECT_EQ(AgreementSign::JudgeAgreementSign(), -1);
 
     ServeVersions("0=20240301 21=20240301 31=20240301");
-    SetAppVersion("12.0.0.3");
+    profile().appVersion = "12.0.0.3";
+    ApplyProfile();
     ASSERT_EQ(ExplainPrivacyXml::InitPrivacy(), 0);
     EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 1);
 }

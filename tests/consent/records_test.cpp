@@ -53,25 +53,11 @@ TEST_F(RecordsTest, FlagsReadZeroWhenMissingAndOnlyUnderTheCurrentUser) {
     EXPECT_EQ(AccountUtil::GetFlag(kAgreementServiceKey, kUserLoginFlagValue), "0");
 }
 
-TEST_F(RecordsTest, AgreeCacheIsTrueOnlyForExactlyOne) {
-    EXPECT_FALSE(AgreementSign::GetAgreeCache());
-    AgreementSign::SetAgreeCache(true);
-    EXPECT_EQ(UserValue(kAgreementServiceKey, kWndAgreeCacheValue), "1");
-    EXPECT_TRUE(AgreementSign::GetAgreeCache());
-    AgreementSign::SetAgreeCache(false);
-    EXPECT_EQ(UserValue(kAgreementServiceKey, kWndAgreeCacheValue), "0");
-    EXPECT_FALSE(AgreementSign::GetAgreeCache());
-    SetUserValue(kAgreementServiceKey, kWndAgreeCacheValue, "11");
-    EXPECT_FALSE(AgreementSign::GetAgreeCache());
-}
-
-TEST_F(RecordsTest, LoginRecordIsOnlyWrittenForALoggedInUser) {
+TEST_F(RecordsTest, LoginRecordNeedsALoggedInUserAndTakesANewerIntactVersionBeforeTheServerSpoke) {
     EXPECT_TRUE(service().SetRecordRegValue(133, 20220615, 21));
     EXPECT_FALSE(UserKeyExists(kRecordWithLoginKey));
     EXPECT_TRUE(Logged("account is not login, do not set record reg value"));
-}
-
-TEST_F(RecordsTest, NewerIntactRecordCarriesOverOnlyBeforeTheServerSpoke) {
+    // Logged in, a newer intact record carries over only before the server has spoken.
     SetLoggedIn(true);
     SetUserValue(kIntactUserAgreement, kIntactVersionValue, "20240301");
     SetUserValue(kIntactUserAgreement, kIntactBranchIdValue, "31");
@@ -135,11 +121,18 @@ TEST_F(RecordsTest, LoginCacheCopiesTheVersionsInForceAndGoesStaleWhenOneIsNewer
     EXPECT_FALSE(UserKeyExists(kRecordWithLoginCacheKey));
 }
 
-TEST_F(RecordsTest, QdsSupportAndTheAgreeCacheDecideFirst) {
+TEST_F(RecordsTest, QdsSupportAndAnAgreeCacheOfExactlyOneDecideFirst) {
     EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 0);
     AgreementSign::SetAgreeCache(true);
+    EXPECT_EQ(UserValue(kAgreementServiceKey, kWndAgreeCacheValue), "1");
     EXPECT_EQ(AgreementSign::JudgeAgreementSign(), -1);
-    SetQds(false);
+    SetUserValue(kAgreementServiceKey, kWndAgreeCacheValue, "11");
+    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 0);
+    AgreementSign::SetAgreeCache(false);
+    EXPECT_EQ(UserValue(kAgreementServiceKey, kWndAgreeCacheValue), "0");
+    AgreementSign::SetAgreeCache(true);
+    profile().capabilities.plugins.clear();  // no QDS
+    ApplyProfile();
     EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 2);
 }
 

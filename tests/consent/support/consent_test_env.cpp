@@ -75,19 +75,6 @@ void ConsentTest::SetBrand(const std::string& sysVendor) {
     std::ofstream(dir_ / "dmi/sys_vendor", std::ios::trunc) << sysVendor << "\n";
 }
 
-void ConsentTest::SetAppVersion(const std::string& version) {
-    profile_.appVersion = version;
-    ApplyProfile();
-}
-
-void ConsentTest::SetQds(bool supported) {
-    profile_.capabilities.plugins.clear();
-    if (supported) {
-        profile_.capabilities.plugins.insert("QDS");
-    }
-    ApplyProfile();
-}
-
 void ConsentTest::SetUserValue(const std::wstring& path, const std::wstring& name, const std::string& value) {
     ASSERT_TRUE(
         DE::Registry::SetValue(HKEY_USERS, std::wstring(kTestSid) + path, name, DE::ANSIToUnicode(value)));

@@ -1,7 +1,7 @@
 #pragma once
 // A whole consent machine in a temporary directory: its own registry store, machine profile (QDS on,
-// region, brand, product version), program directory for the privacy document, the current user's SID,
-// a log the tests read back, and on demand a local HTTPS agreement server.
+// region, brand, product version 11.0.0.1), program directory for the privacy document, the current user's
+// SID, a log the tests read back, and on demand a local HTTPS agreement server.
 
 #include <gtest/gtest.h>
 
@@ -29,8 +29,6 @@ class ConsentTest : public ::testing::Test {
     MachineProfile& profile() { return profile_; }
 
     void SetBrand(const std::string& sysVendor);
-    void SetAppVersion(const std::string& version);
-    void SetQds(bool supported);
 
     // Registry values under the test user's subkey (path relative, starting with '\').
     void SetUserValue(const std::wstring& path, const std::wstring& name, const std::string& value);
