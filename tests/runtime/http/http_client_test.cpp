@@ -19,12 +19,14 @@ using qlb::testing::HttpExchange;
 using qlb::testing::HttpReply;
 using qlb::testing::HttpTestServer;
 
-TEST(HttpExchange, GetReturnsStatusAndBody) {
-    HttpTestServer server([](const HttpExchange&) { return HttpReply{200, "hello world", {}}; });
+TEST(HttpExchange, GetReturnsStatusAndBodyAndAServerErrorIsAReplyNotATransportFailure) {
+    HttpTestServer server([](const HttpExchange& in) {
+        return in.target == "/busy" ? HttpReply{503, "busy", {}} : HttpReply{200, "hello world", {}};
+    });
     Request request;
     request.url = server.Url("/status?x=1");
     request.method = "GET";
-    const auto response = Perform(request);
+    auto response = Perform(request);
     EXPECT_EQ(response.curlCode, CURLE_OK) << response.error;
     EXPECT_EQ(response.httpStatus, 200);
     EXPECT_EQ(response.body, "hello world");
@@ -32,6 +34,13 @@ TEST(HttpExchange, GetReturnsStatusAndBody) {
     ASSERT_EQ(server.RequestCount(), 1u);
     EXPECT_EQ(server.Requests()[0].method, "GET");
     EXPECT_EQ(server.Requests()[0].target, "/status?x=1");
+
+    request.url = server.Url("/busy");
+    response = Perform(request);
+    EXPECT_EQ(response.curlCode, CURLE_OK);
+    EXPECT_EQ(response.httpStatus, 503);
+    EXPECT_EQ(response.body, "busy");
+    EXPECT_FALSE(response.ok());
 }
 
 TEST(HttpExchange, PostCarriesBodyAndHeaders) {
@@ -50,17 +59,6 @@ TEST(HttpExchange, PostCarriesBodyAndHeaders) {
     EXPECT_EQ(seen.Header("content-type"), "application/json");
     EXPECT_EQ(seen.Header("x-trace"), "42");
     EXPECT_EQ(seen.Header("expect"), "");
-}
-
-TEST(HttpExchange, ServerErrorIsAReplyNotATransportFailure) {
-    HttpTestServer server([](const HttpExchange&) { return HttpReply{503, "busy", {}}; });
-    Request request;
-    request.url = server.Url();
-    const auto response = Perform(request);
-    EXPECT_EQ(response.curlCode, CURLE_OK);
-    EXPECT_EQ(response.httpStatus, 503);
-    EXPECT_EQ(response.body, "busy");
-    EXPECT_FALSE(response.ok());
 }
 
 TEST(HttpExchange, FailuresWithoutAReplyAreReportedWithText) {
