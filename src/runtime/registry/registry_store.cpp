@@ -248,24 +248,8 @@ RegValue RegValue::Binary(std::wstring name, std::vector<std::uint8_t> bytes, DW
 RegistryStore::RegistryStore(std::filesystem::path file, sqlite3* db) : file_(std::move(file)), db_(db) {}
 
 RegistryStore::~RegistryStore() {
-    begin_.reset();
-    beginImmediate_.reset();
-    commit_.reset();
-    rollback_.reset();
-    findKey_.reset();
-    insertKey_.reset();
-    readStamp_.reset();
-    getValue_.reset();
-    upsertValue_.reset();
-    deleteValue_.reset();
-    hasChild_.reset();
-    deleteKey_.reset();
-    deleteTreeValues_.reset();
-    deleteTreeKeys_.reset();
-    listKeys_.reset();
-    listValues_.reset();
-    versionStmt_.reset();
-    touch_.reset();
+    // The prepared statements are finalized after this, as members; close_v2 defers the close of the
+    // connection until the last of them is gone.
     sqlite3_close_v2(db_);
 }
 

@@ -96,11 +96,6 @@ TEST_F(Spool, RecordsAreStampedWithCodeTextAndLocalTime) {
     EXPECT_EQ(info.occurTime.size(), 14u);
     EXPECT_LE(before, info.occurTime);
     EXPECT_LE(info.occurTime, after);
-    ReportPlainEvent("607001003", "30");
-    const auto doc = json::parse(ReadLines(SpoolFile()).at(0));
-    EXPECT_EQ(doc["eventId"], "607001003");
-    EXPECT_EQ(doc["infoText"], "30");
-    EXPECT_EQ(doc["occurTime"].get<std::string>().size(), 14u);
     // Only the dump report carries its log files.
     EXPECT_TRUE(EventDataReport::Instance().IsCaptureLog("903999999"));
     EXPECT_FALSE(EventDataReport::Instance().IsCaptureLog("90399999"));
