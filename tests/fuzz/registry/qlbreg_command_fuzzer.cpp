@@ -1,9 +1,9 @@
 // qlbreg's command line: words separated by newlines, then after a NUL byte what the user types at
 // the prompts. Any input gives status 0 or 1 and never crashes; the store is in memory.
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <algorithm>
 #include <cstdlib>
 #include <sstream>
 #include <string>
