@@ -107,16 +107,12 @@ class HubBadInputTest : public ::testing::Test {
 
     // A well-behaved module beside the bad one still gets its frames through.
     void ExpectHubStillRoutes() {
-        RawPeer good(Socket());
-        ASSERT_EQ(good.Join(0x620000), 0);
-        const char text[] = "still here";
-        auto frame = EncodeFrame(MakeItem(0x620000, 0x620000, 0x7500, text, sizeof(text)));
-        ASSERT_TRUE(good.Send(frame.data(), frame.size()));
-        TagIPCMessageItem header;
-        std::vector<std::uint8_t> data;
-        ASSERT_TRUE(good.ReadFrame(header, data));
-        EXPECT_EQ(header.messageId, 0x7500);
-        EXPECT_STREQ(reinterpret_cast<const char*>(data.data()), text);
+        IPCMessageClient good(0x620000, Socket());
+        Inbox inbox;
+        inbox.Attach(good);
+        ASSERT_TRUE(good.PostIPCMessage(MakeItem(0x620000, 0x620000, 0x7500)));
+        Received received;
+        EXPECT_TRUE(inbox.Take(0x7500, received));
     }
 
     qlb::testing::TempDir dir_;
@@ -219,9 +215,9 @@ TEST_F(HubBadInputTest, FramesFromOneConnectionArriveInOrder) {
         item.syncMessageId = i;
         ASSERT_TRUE(sender.PostIPCMessage(item));
     }
+    TagIPCMessageItem header;
+    std::vector<std::uint8_t> data;
     for (int i = 0; i < kCount; ++i) {
-        TagIPCMessageItem header;
-        std::vector<std::uint8_t> data;
         ASSERT_TRUE(receiver.ReadFrame(header, data));
         ASSERT_EQ(header.syncMessageId, i);
     }

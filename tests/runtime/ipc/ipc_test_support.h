@@ -6,7 +6,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
-#include <filesystem>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -71,12 +70,6 @@ class Inbox {
     std::condition_variable cv_;
     std::deque<Received> items_;
 };
-
-// The command line of a module process: ipc_test_peer SOCKET MODULE MODE.
-inline std::vector<std::string> PeerArgs(const std::filesystem::path& socket, int moduleId,
-                                         const std::string& mode) {
-    return {IPC_TEST_PEER, socket.string(), std::to_string(moduleId), mode};
-}
 
 inline TagIPCMessageItem MakeItem(int to, int from, int messageId, const void* data = nullptr,
                                   int length = 0) {

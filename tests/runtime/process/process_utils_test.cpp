@@ -1,10 +1,12 @@
-// Finding the product's processes by image name and starting them in the user's session.
+// The Linux process table (snapshots by image name, handles bound to one process, waits and ends),
+// and finding the product's processes by name and starting them in the user's session.
 
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 
 #include "platform/processes/fake_process_api.h"
+#include "platform/processes/process_api.h"
 #include "platform/sessions/session_source.h"
 #include "runtime/common/program_dir.h"
 #include "runtime/common/strings.h"
@@ -21,6 +23,52 @@ std::vector<unsigned long> PidsOf(const std::wstring& name) {
     EXPECT_EQ(ZVPROCESS::HELPER::QueryPidByProcessName(name, pids, ZVPROCESS::HELPER::QUERY_PROCESS_ALL), 0);
     std::sort(pids.begin(), pids.end());
     return pids;
+}
+
+TEST(ProcessTable, ImageNameIsTheFullFileNameOfTheExecutableNotTheShortCommandName) {
+    TempDir dir;
+    HelperProcess child(InstallHelper(dir.path(), "QLBMessageCenterTable.exe"));
+    auto snapshot = qlb::platform::MakeLinuxProcessApi()->Snapshot();
+    ASSERT_TRUE(snapshot);
+    const auto entry = std::find_if(snapshot.value.begin(), snapshot.value.end(), [&](const auto& e) {
+        return e.pid == static_cast<std::uint32_t>(child.pid());
+    });
+    ASSERT_NE(entry, snapshot.value.end());
+    EXPECT_EQ(entry->imageName, L"QLBMessageCenterTable.exe");
+    EXPECT_EQ(entry->imagePath, dir / "QLBMessageCenterTable.exe");
+    EXPECT_EQ(qlb::platform::ImageNameOf("/opt/app/Tessalink.exe (deleted)"), L"Tessalink.exe");
+}
+
+TEST(ProcessTable, WaitSeesTheEndOfARunningProcessAndTimesOutBefore) {
+    TempDir dir;
+    HelperProcess child(InstallHelper(dir.path(), "Tessalink.exe"));
+    auto api = qlb::platform::MakeLinuxProcessApi();
+    auto process = api->Open(static_cast<std::uint32_t>(child.pid()));
+    ASSERT_TRUE(process);
+    EXPECT_EQ(process.value->Wait(0), WAIT_TIMEOUT);
+    EXPECT_TRUE(process.value->Terminate(0));
+    EXPECT_EQ(process.value->Wait(INFINITE), WAIT_OBJECT_0);
+    EXPECT_TRUE(Eventually([&] { return child.Ended(); }));
+    EXPECT_TRUE(process.value->Terminate(0)) << "ending a process that has ended already is no failure";
+    for (const std::uint32_t pid : {0u, 0x7FFFFFF0u, 0xFFFFFFFFu}) {
+        EXPECT_EQ(api->Open(pid).error, win::ERROR_INVALID_PARAMETER) << pid;
+    }
+}
+
+TEST(ProcessTable, StartReportsAnExecutableThatCannotRun) {
+    TempDir dir;
+    auto api = qlb::platform::MakeLinuxProcessApi();
+    qlb::platform::StartOptions options;
+    options.image = dir / "absent.exe";
+    EXPECT_EQ(api->Start(options).error, win::ERROR_FILE_NOT_FOUND);
+    options.image = "relative.exe";
+    EXPECT_EQ(api->Start(options).error, win::ERROR_INVALID_PARAMETER);
+    WriteFile(dir / "text.exe", "not a program");
+    options.image = dir / "text.exe";
+    EXPECT_FALSE(api->Start(options));
+    options.image = QLB_TEST_SLEEPER;
+    options.user = "no-such-user-qlb";
+    EXPECT_EQ(api->Start(options).error, win::ERROR_NONE_MAPPED);
 }
 
 TEST(ProcessLookup, FindsEveryProcessOfTheImageNameWithoutRegardToCaseAndNoOther) {

@@ -4,32 +4,25 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <mutex>
 
 #include "ctl_command.h"
 #include "runtime/ipc/ipc_message_client.h"
 #include "runtime/ipc/ipc_message_server.h"
+#include "runtime/ipc/ipc_test_support.h"
 #include "support/child_process.h"
 #include "support/eventually.h"
 #include "support/temp_dir.h"
 
 using namespace qlb::ctl;
+using namespace qlb::ipc::test;
 using qlb::testing::ChildProcess;
 using qlb::testing::Eventually;
 
 namespace {
 
-TEST(QlbctlArgumentsTest, TextGetsItsNulAndNumbersTakeHexOrDecimal) {
+TEST(QlbctlArgumentsTest, HexPayloadTakesSeparatorsAndTheTargetModuleIsChosen) {
     std::string error;
-    auto options =
-        ParseCtlArguments({"--module", "0x500000", "send", "0x30073", "--text", "1", "--sync", "12"}, error);
-    ASSERT_TRUE(options);
-    EXPECT_EQ(options->moduleId, 0x500000);
-    EXPECT_EQ(options->messageId, 0x30073);
-    EXPECT_EQ(options->toModuleId, 0x30000);
-    EXPECT_EQ(options->syncMessageId, 12);
-    EXPECT_EQ(options->payload, (std::vector<std::uint8_t>{'1', 0}));
-    options = ParseCtlArguments({"send", "1", "--hex", "01 ff:7A", "--to", "0x3F0000"}, error);
+    const auto options = ParseCtlArguments({"send", "1", "--hex", "01 ff:7A", "--to", "0x3F0000"}, error);
     ASSERT_TRUE(options);
     EXPECT_EQ(options->payload, (std::vector<std::uint8_t>{0x01, 0xFF, 0x7A}));
     EXPECT_EQ(options->toModuleId, 0x3F0000);
@@ -52,46 +45,20 @@ TEST(QlbctlArgumentsTest, BadUsageIsRefusedWithAReason) {
     }
 }
 
-TEST(QlbctlDescribeTest, PrintableTextIsShownAsTextAndEverythingElseAsHex) {
-    char ok[] = "ok";
-    TagIPCMessageItem item;
-    item.messageId = 0x30077;
-    item.fromModuleId = 0x30000;
-    item.toModuleId = 0x500000;
-    item.syncMessageId = 5;
-    item.data = reinterpret_cast<unsigned char*>(ok);
-    item.dataLength = 3;
-    EXPECT_EQ(DescribeFrame(item),
-              "0x30077 from 0x30000 to 0x500000 sync 5 reserved 0/0 flag 0 len 3\n  text: ok");
-    unsigned char bytes[] = {0x00, 0x10, 0xAB};
-    item.data = bytes;
-    EXPECT_NE(DescribeFrame(item).find("hex: 00 10 ab"), std::string::npos);
-}
-
-// The real binary against a hub, with a module standing in for the main service: it records what it is
+// The real binary against a hub, with a module standing in for the main service: it keeps what it is
 // sent and answers "ok" with the same id and sync id.
 class QlbctlBinaryTest : public ::testing::Test {
   protected:
     void SetUp() override {
         ASSERT_TRUE(hub_.Start());
         service_.SetDefaultCallback([this](TagIPCMessageItem& item) {
-            {
-                std::lock_guard<std::mutex> lock(mutex_);
-                received_ = item;
-                payload_.assign(item.data, item.data + item.dataLength);
-                ++count_;
-            }
+            inbox_.Add(item);
             char ok[] = "ok";
-            TagIPCMessageItem answer;
-            answer.toModuleId = item.fromModuleId;
-            answer.fromModuleId = 0x30000;
-            answer.messageId = item.messageId;
+            TagIPCMessageItem answer = MakeItem(item.fromModuleId, 0x30000, item.messageId, ok, 3);
             answer.syncMessageId = item.syncMessageId;
-            answer.data = reinterpret_cast<unsigned char*>(ok);
-            answer.dataLength = 3;
             service_.PostIPCMessage(answer);
         });
-        ASSERT_TRUE(service_.WaitJoined(std::chrono::seconds(20)));
+        ASSERT_TRUE(service_.WaitJoined(kWait));
     }
     ChildProcess Qlbctl(std::vector<std::string> args) {
         args.insert(args.begin(), {QLB_PROGRAM_DIR "/qlbctl", "--socket", (dir_ / "ipc.sock").string()});
@@ -111,10 +78,7 @@ class QlbctlBinaryTest : public ::testing::Test {
     qlb::testing::TempDir dir_;
     IPCMessageServer hub_{dir_ / "ipc.sock", qlb::ipc::PeerPolicy({::getuid()}, {})};
     IPCMessageClient service_{0x30000, dir_ / "ipc.sock"};
-    std::mutex mutex_;
-    TagIPCMessageItem received_;
-    std::vector<std::uint8_t> payload_;
-    int count_ = 0;
+    Inbox inbox_;
 };
 
 TEST_F(QlbctlBinaryTest, SendDeliversTheTextAndPrintsTheAnswer) {
@@ -122,23 +86,22 @@ TEST_F(QlbctlBinaryTest, SendDeliversTheTextAndPrintsTheAnswer) {
         {"--module", "0x500000", "send", "0x30077", "--text", "hello", "--sync", "77", "--wait", "60"});
     std::string out;
     ASSERT_TRUE(ReadUntil(ctl, "text: ok", out)) << out;
-    EXPECT_NE(out.find("0x30077 from 0x30000 to 0x500000 sync 77"), std::string::npos) << out;
-    std::lock_guard<std::mutex> lock(mutex_);
-    EXPECT_EQ(received_.fromModuleId, 0x500000);
-    EXPECT_EQ(received_.syncMessageId, 77);
-    EXPECT_EQ(payload_, (std::vector<std::uint8_t>{'h', 'e', 'l', 'l', 'o', 0}));
+    EXPECT_NE(out.find("0x30077 from 0x30000 to 0x500000 sync 77 reserved 0/0 flag 0 len 3\n  text: ok\n"),
+              std::string::npos)
+        << out;
+    Received received;
+    ASSERT_TRUE(inbox_.Take(0x30077, received));
+    EXPECT_EQ(received.header.fromModuleId, 0x500000);
+    EXPECT_EQ(received.data, (std::vector<std::uint8_t>{'h', 'e', 'l', 'l', 'o', 0}));
 }
 
 TEST_F(QlbctlBinaryTest, SendOfAFileWithoutWaitingExitsZeroOnceItIsOut) {
     std::ofstream(dir_ / "record.bin", std::ios::binary) << std::string("\x01\x00\x02", 3);
     ChildProcess ctl = Qlbctl({"send", "0x30002", "--file", (dir_ / "record.bin").string()});
     EXPECT_EQ(ctl.Wait(), 0);
-    ASSERT_TRUE(Eventually([&] {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return count_ == 1;
-    }));
-    std::lock_guard<std::mutex> lock(mutex_);
-    EXPECT_EQ(payload_, (std::vector<std::uint8_t>{1, 0, 2}));
+    Received received;
+    ASSERT_TRUE(inbox_.Take(0x30002, received));
+    EXPECT_EQ(received.data, (std::vector<std::uint8_t>{1, 0, 2}));
 }
 
 TEST_F(QlbctlBinaryTest, WatchPrintsFramesAddressedToItsModule) {
@@ -146,13 +109,7 @@ TEST_F(QlbctlBinaryTest, WatchPrintsFramesAddressedToItsModule) {
     ChildProcess ctl = Qlbctl({"--module", "0x510000", "watch"});
     ASSERT_TRUE(Eventually([&] { return hub_.Counters().joined > joined; }));
     unsigned char bytes[] = {0xDE, 0xAD};
-    TagIPCMessageItem item;
-    item.toModuleId = 0x510000;
-    item.fromModuleId = 0x30000;
-    item.messageId = 0x3F0004;
-    item.data = bytes;
-    item.dataLength = 2;
-    ASSERT_TRUE(service_.PostIPCMessage(item));
+    ASSERT_TRUE(service_.PostIPCMessage(MakeItem(0x510000, 0x30000, 0x3F0004, bytes, 2)));
     std::string out;
     EXPECT_TRUE(ReadUntil(ctl, "hex: de ad", out)) << out;
 }

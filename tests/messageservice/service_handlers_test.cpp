@@ -1,16 +1,82 @@
-// Registry and setting requests handled directly: the record's size, command, root and type rules,
-// and the values the two switches write.
+// The service's requests on a whole machine in a temporary directory (registry store, app data, log
+// and run directories, one console session held by the current user): the registry edit record's
+// size, command, root and type rules, the values the two switches write, and requests sent by another
+// module through the hub. The process log is written through the shipped configuration.
 
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include "messageservice/ipc_data_io.h"
+#include "messageservice/ipc_server_proc.h"
 #include "messageservice/registry_requests.h"
-
-#include "message_service_fixture.h"
 #include "messageservice/service_msg_client.h"
+#include "platform/sessions/session_source.h"
+#include "runtime/common/logging.h"
+#include "runtime/common/machine_profile.h"
 #include "runtime/common/strings.h"
+#include "runtime/ipc/ipc_message_client.h"
+#include "runtime/ipc/ipc_message_ids.h"
+#include "runtime/ipc/ipc_message_server.h"
+#include "runtime/ipc/ipc_module_ids.h"
+#include "runtime/registry/de_registry.h"
+#include "runtime/registry/registry_store.h"
+#include "runtime/telemetry/event_data_report.h"
+#include "support/eventually.h"
+#include "support/files.h"
+#include "support/temp_dir.h"
 
 using namespace qlb::messageservice;
-using namespace qlb::messageservice::test;
+using qlb::MachineProfile;
+using qlb::testing::Eventually;
 
 namespace {
+
+class MessageServiceMachine : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        MachineProfile profile;
+        profile.registry = root_ / "registry.db";
+        profile.appData = root_ / "appdata/";
+        profile.logDir = root_ / "log/";
+        profile.runDir = root_ / "run/";
+        const passwd* user = ::getpwuid(::getuid());
+        ASSERT_NE(user, nullptr);
+        profile.sessions[1] = user->pw_name;
+        profile.activeSession = 1;
+        profile.ipcAllow = qlb::IpcAllow{{user->pw_name}, {}};
+        MachineProfile::SetCurrent(profile);
+        auto store = qlb::registry::RegistryStore::Open(profile.registry);
+        ASSERT_TRUE(store.ok());
+        qlb::registry::RegistryStore::SetDefault(store.value);
+        qlb::platform::SetCurrentSessionSource(
+            std::make_unique<qlb::platform::EmbeddedSessionSource>(profile));
+        std::filesystem::create_directories(profile.logDir);
+        qlb::logging::InitLogger("MessageServiceTest",
+                                 std::string(QLB_SOURCE_DIR) + "/config/log4cplus.properties",
+                                 profile.logDir.string());
+        MarkLog();
+    }
+    void TearDown() override {
+        qlb::platform::SetCurrentSessionSource(nullptr);
+        qlb::registry::RegistryStore::SetDefault(nullptr);
+        MachineProfile::SetCurrent(MachineProfile{});
+    }
+
+    // From now on only lines written later count.
+    void MarkLog() { log_ = std::make_unique<qlb::testing::FileTail>(root_ / "log/MessageServiceTest.log"); }
+
+    static std::wstring Value(HKEY root, const std::wstring& key, const std::wstring& name) {
+        std::wstring value;
+        return DE::Registry::GetValue(root, key, name, value) ? value : L"<missing>";
+    }
+    static std::wstring UserKey(const std::wstring& below) {
+        return L"S-1-22-1-" + std::to_wstring(::getuid()) + L"\\" + below;
+    }
+
+    qlb::testing::TempDir root_;
+    std::unique_ptr<qlb::testing::FileTail> log_;
+};
 
 void PutUtf16(std::vector<unsigned char>& record, std::size_t offset, const std::wstring& text) {
     const std::u16string units = DE::WideToUtf16(text);
@@ -133,6 +199,45 @@ TEST_F(RegistryRequestsTest, CaptureSwitchWritesTheUsersThreeValuesEvenWithoutPa
         EXPECT_EQ(Value(HKEY_USERS, UserKey(kLoginGuideKey), L"Protocol"), L"1");
         EXPECT_EQ(Value(HKEY_USERS, UserKey(kLoginGuideKey), L"ProtocolVer"), L"9");
     }
+}
+
+TEST_F(MessageServiceMachine, RequestsFromAnotherModuleTakeEffectThroughTheHub) {
+    // The service builds its client before the hub starts.
+    ServiceMsgClient handlers;
+    ASSERT_TRUE(handlers.Initialize());
+    IPCMessageServer hub;
+    ASSERT_TRUE(hub.Start());
+    IPCMessageClient module(0x500000, hub.SocketPath());
+    ASSERT_TRUE(module.WaitJoined(std::chrono::seconds(20)));
+    ASSERT_TRUE(handlers.client->WaitJoined(std::chrono::seconds(20)));
+
+    const char one[] = "1";
+    TagIPCMessageItem item;
+    item.toModuleId = MODULE_MAINSERVICE_ID;
+    item.fromModuleId = 0x500000;
+    item.messageId = MSG_LOG_SWITCH;
+    item.data = reinterpret_cast<unsigned char*>(const_cast<char*>(one));
+    item.dataLength = sizeof(one);
+    ASSERT_TRUE(module.PostIPCMessage(item));
+    EXPECT_TRUE(Eventually([] { return Value(HKEY_LOCAL_MACHINE, kLoginGuideKey, L"LogSwitch") == L"1"; }));
+
+    // The one typed message goes through the table of typed handlers.
+    LogInfo info;
+    info.eventId = "601000123";
+    info.fields[0] = "from a module";
+    auto payload = EncodeLogInfoPayload(info);
+    item.messageId = MSG_PCMONITOR_LOG;
+    item.data = payload.data();
+    item.dataLength = static_cast<std::int32_t>(payload.size());
+    ASSERT_TRUE(module.PostIPCMessage(item));
+    EXPECT_TRUE(Eventually([&] {
+        const std::string text = qlb::testing::ReadFile(root_ / "appdata/telemetry/events.jsonl");
+        return text.find("601000123") != std::string::npos && text.find("from a module") != std::string::npos;
+    }));
+
+    // A second Initialize replaces the channel and leaves nothing behind.
+    ASSERT_TRUE(handlers.Initialize());
+    EXPECT_EQ(handlers.procTable->client, handlers.client);
 }
 
 }  // namespace
