@@ -21,7 +21,6 @@ namespace {
 
 using nlohmann::json;
 using qlb::telemetry::ParseRecord;
-using qlb::telemetry::SerializeRecord;
 using qlb::testing::ReadLines;
 
 LogInfo SampleRecord() {
@@ -40,12 +39,15 @@ LogInfo SampleRecord() {
 class Spool : public qlb::testing::TempMachine {};
 
 TEST_F(Spool, LineHoldsEveryKeyWithFieldsKeyedByDecimalNumber) {
+    // A record received from a module goes to the spool as it came.
     LogInfo info = SampleRecord();
     LogInfo empty;
-    ASSERT_TRUE(EventDataReport::Instance().SendMsg(info));
+    ASSERT_TRUE(LogReceive::Instance().PCMonitorRcvLog(info));
     ASSERT_TRUE(EventDataReport::Instance().SendMsg(empty));
+    info.infoText = std::string("bad \xC3\x28 byte \xFF");
+    ASSERT_TRUE(EventDataReport::Instance().SendMsg(info));
     const auto lines = ReadLines(SpoolFile());
-    ASSERT_EQ(lines.size(), 2u);
+    ASSERT_EQ(lines.size(), 3u);
     EXPECT_EQ(json::parse(lines[0]),
               json({{"eventType", 9},
                     {"eventId", "903999999"},
@@ -60,23 +62,12 @@ TEST_F(Spool, LineHoldsEveryKeyWithFieldsKeyedByDecimalNumber) {
     EXPECT_EQ(doc.size(), 8u);
     EXPECT_TRUE(doc["fields"].is_object());
     EXPECT_TRUE(doc["extraList"].is_array());
-}
-
-TEST_F(Spool, ReceivedRecordGoesToTheSpoolAsItCameAndOnlyRecordsRead) {
-    LogInfo info = SampleRecord();
-    ASSERT_TRUE(LogReceive::Instance().PCMonitorRcvLog(info));
-    std::string expected;
-    SerializeRecord(info, expected);
-    EXPECT_EQ(ReadLines(SpoolFile()), std::vector<std::string>{expected});
+    // Invalid UTF-8 is replaced, not refused.
+    EXPECT_EQ(json::parse(lines[2])["infoText"], "bad \xEF\xBF\xBD( byte \xEF\xBF\xBD");
     LogInfo back;
     for (const char* text : {"", "{\"eventId\":", "[1,2]"}) {
         EXPECT_FALSE(ParseRecord(text, back)) << text;
     }
-    // Invalid UTF-8 is replaced, not refused.
-    info.infoText = std::string("bad \xC3\x28 byte \xFF");
-    ASSERT_TRUE(EventDataReport::Instance().SendMsg(info));
-    const auto doc = json::parse(ReadLines(SpoolFile()).at(1));
-    EXPECT_EQ(doc["infoText"], "bad \xEF\xBF\xBD( byte \xEF\xBF\xBD");
 }
 
 TEST_F(Spool, RecordsAreStampedWithCodeTextAndLocalTime) {
@@ -158,38 +149,27 @@ TEST_F(Spool, ThreadsAndProcessesNeverInterleaveLines) {
     }
 }
 
-TEST_F(Spool, DirectoryThatCannotBeMadeGivesFalseAndALogLine) {
+TEST_F(Spool, FailedWritesGiveFalseAndALogLineAndTheSpoolRecovers) {
+    LogInfo info = SampleRecord();
+    std::filesystem::create_directories(SpoolFile().parent_path());
+    std::filesystem::create_symlink("/dev/full", SpoolFile());
+    EXPECT_FALSE(EventDataReport::Instance().SendMsg(info));
+    EXPECT_NE(LogText().find("telemetry record 903999999 not written"), std::string::npos) << LogText();
+    // Room again, or the spool removed: the next record lands in a new file.
+    for (int round = 0; round < 2; ++round) {
+        std::filesystem::remove_all(SpoolFile().parent_path());
+        EXPECT_TRUE(EventDataReport::Instance().SendMsg(info));
+        EXPECT_EQ(ReadLines(SpoolFile()).size(), 1u);
+    }
+    // A profile change moves the spool; a directory that cannot be made is an ERROR line.
+    const auto first = SpoolFile();
     auto profile = profile_;
     std::ofstream(dir_ / "blocker") << "a file where a directory should be";
     profile.appData = dir_ / "blocker" / "appdata/";
     Configure(profile);
-    LogInfo info = SampleRecord();
     EXPECT_FALSE(EventDataReport::Instance().SendMsg(info));
-    const auto log = LogText();
-    EXPECT_NE(log.find("ERROR"), std::string::npos);
-    EXPECT_NE(log.find("telemetry spool cannot be opened"), std::string::npos) << log;
-}
-
-TEST_F(Spool, FullDiskGivesFalseAndALogLineThenRecovers) {
-    std::filesystem::create_directories(SpoolFile().parent_path());
-    std::filesystem::create_symlink("/dev/full", SpoolFile());
-    LogInfo info = SampleRecord();
-    EXPECT_FALSE(EventDataReport::Instance().SendMsg(info));
-    EXPECT_NE(LogText().find("telemetry record 903999999 not written"), std::string::npos) << LogText();
-    // Room again: the spool is a file once more, and the next record lands in it.
-    std::filesystem::remove(SpoolFile());
-    EXPECT_TRUE(EventDataReport::Instance().SendMsg(info));
-    EXPECT_EQ(ReadLines(SpoolFile()).size(), 1u);
-}
-
-TEST_F(Spool, RemovedSpoolIsMadeAgainAndAProfileChangeMovesIt) {
-    LogInfo info = SampleRecord();
-    ASSERT_TRUE(EventDataReport::Instance().SendMsg(info));
-    std::filesystem::remove_all(SpoolFile().parent_path());
-    ASSERT_TRUE(EventDataReport::Instance().SendMsg(info));
-    EXPECT_EQ(ReadLines(SpoolFile()).size(), 1u);
-    const auto first = SpoolFile();
-    auto profile = profile_;
+    EXPECT_NE(LogText().find("ERROR"), std::string::npos);
+    EXPECT_NE(LogText().find("telemetry spool cannot be opened"), std::string::npos) << LogText();
     profile.appData = dir_ / "other/";
     Configure(profile);
     ASSERT_TRUE(EventDataReport::Instance().SendMsg(info));
