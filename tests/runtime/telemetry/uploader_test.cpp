@@ -4,8 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <fstream>
+#include <future>
 #include <map>
 #include <mutex>
 
@@ -231,12 +231,9 @@ TEST_F(Upload, ThreadRecoversFromFailuresAndStops) {
 }
 
 TEST_F(Upload, StopAbandonsAPostInFlight) {
-    std::mutex mutex;
-    std::condition_variable released;
-    bool release = false;
-    server_->SetHandler([&](const HttpExchange&) {
-        std::unique_lock lock(mutex);
-        released.wait(lock, [&] { return release; });
+    std::promise<void> release;
+    server_->SetHandler([answer = release.get_future().share()](const HttpExchange&) {
+        answer.wait();
         return HttpReply{};
     });
     auto options = Options();
@@ -248,36 +245,24 @@ TEST_F(Upload, StopAbandonsAPostInFlight) {
     uploader.Stop();
     EXPECT_EQ(uploader.AcknowledgedOffset(), 0u);
     EXPECT_FALSE(ReadUploadOffset(options.offsetFile));
-    {
-        std::lock_guard lock(mutex);
-        release = true;
-    }
-    released.notify_all();
-    server_.reset();  // the handler uses this test's locals
+    release.set_value();
 }
 
 class UploadConfiguration : public qlb::testing::TempMachine {};
 
-TEST_F(UploadConfiguration, EndpointComesFromTheRoutingTable) {
-    EXPECT_FALSE(qlb::telemetry::UploaderOptionsFromProfile());
+TEST_F(UploadConfiguration, MonitorUploadsAndStopsOnTheStopFlag) {
+    // The endpoint is the "url" of the telemetry entry of the routing table.
+    LoopbackHttpServer server;
     auto profile = profile_;
-    profile.services["com.zorvane.cloud.telemetry"]["ROOT"] = "https://elsewhere";
+    profile.services["com.zorvane.cloud.telemetry"]["ROOT"] = server.Url("/events");
     Configure(profile);
     EXPECT_FALSE(qlb::telemetry::UploaderOptionsFromProfile());
-    profile.services["com.zorvane.cloud.telemetry"]["url"] = "https://telemetry.example:8443/v1/events";
+    profile.services["com.zorvane.cloud.telemetry"]["url"] = server.Url("/events");
     Configure(profile);
     const auto options = qlb::telemetry::UploaderOptionsFromProfile();
     ASSERT_TRUE(options);
-    EXPECT_EQ(options->url, "https://telemetry.example:8443/v1/events");
+    EXPECT_EQ(options->url, server.Url("/events"));
     EXPECT_EQ(options->spool, SpoolFile());
-    EXPECT_EQ(options->offsetFile.parent_path(), SpoolFile().parent_path());
-}
-
-TEST_F(UploadConfiguration, MonitorUploadsAndStopsOnTheStopFlag) {
-    LoopbackHttpServer server;
-    auto profile = profile_;
-    profile.services["com.zorvane.cloud.telemetry"]["url"] = server.Url("/events");
-    Configure(profile);
     ReportPlainEvent("619000000", "");
     auto& monitor = LogMonitor::Instance();
     monitor.SetStopFlag(false);
