@@ -18,20 +18,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return 0;
     }
     const std::string text(reinterpret_cast<const char*>(data) + 1, size - 1);
-    std::vector<std::string> parts;
-    std::size_t start = 0;
-    while (parts.size() < 2) {
-        const auto nul = text.find('\0', start);
+    // At most two NUL-ended parts are split off; missing leading parts are empty.
+    std::vector<std::string> parts = {text};
+    for (int i = 0; i < 2; ++i) {
+        const auto nul = parts.back().find('\0');
         if (nul == std::string::npos) {
             break;
         }
-        parts.push_back(text.substr(start, nul - start));
-        start = nul + 1;
+        std::string rest = parts.back().substr(nul + 1);
+        parts.back().resize(nul);
+        parts.push_back(std::move(rest));
     }
-    parts.push_back(text.substr(std::min(start, text.size())));
-    while (parts.size() < 3) {
-        parts.insert(parts.begin(), std::string());
-    }
+    parts.insert(parts.begin(), 3 - parts.size(), std::string());
     const std::wstring key = DE::ANSIToUnicode(parts[0]);
     const std::wstring name = DE::ANSIToUnicode(parts[1]);
     RegValue value;
