@@ -56,25 +56,36 @@ class MonProcessLoad : public ::testing::Test {
     }
 };
 
-// The positions of the operations are the contract with separately built modules.
+// The operations are called by their positions, the contract with separately built modules. The boot
+// and shutdown notes answer only for the service that left them.
 TEST_F(MonProcessLoad, SignedModuleLoadsWithItsOperationsAtTheirFixedPositions) {
     Install(QLB_MONPROCESS_DLL, true);
     ASSERT_TRUE(LoadMonProcess(module, instance));
     ASSERT_NE(instance, nullptr);
     EXPECT_TRUE(ModuleMapped());
     void** table = *reinterpret_cast<void***>(instance);
-    using GetVersionFn = DWORD (*)(MonProcess*);
-    using KillFn = long (*)(MonProcess*, DWORD);
-    using PathFn = long (*)(MonProcess*, const wchar_t*);
-    using QueryFn = long (*)(MonProcess*, const wchar_t*, DWORD*);
-    DWORD value = 0;
-    EXPECT_EQ(reinterpret_cast<GetVersionFn>(table[3])(instance), 1u);
-    EXPECT_EQ(reinterpret_cast<KillFn>(table[10])(instance, 1), static_cast<long>(win::ERROR_ACCESS_DENIED));
-    EXPECT_EQ(reinterpret_cast<PathFn>(table[24])(instance, service.c_str()), 0);
-    EXPECT_EQ(reinterpret_cast<QueryFn>(table[25])(instance, service.c_str(), &value), 0);
-    EXPECT_EQ(value, 1u);
-    EXPECT_EQ(reinterpret_cast<PathFn>(table[26])(instance, service.c_str()), 0);
-    EXPECT_TRUE(fs::exists(dir / "run/monprocess/shutdown"));
+    const auto version = reinterpret_cast<DWORD (*)(MonProcess*)>(table[3]);
+    const auto kill = reinterpret_cast<long (*)(MonProcess*, DWORD)>(table[10]);
+    const auto bootAlive = reinterpret_cast<long (*)(MonProcess*, const wchar_t*)>(table[24]);
+    const auto queryBootAlive = reinterpret_cast<long (*)(MonProcess*, const wchar_t*, DWORD*)>(table[25]);
+    const auto shutdownNotice = reinterpret_cast<long (*)(MonProcess*, const wchar_t*)>(table[26]);
+    EXPECT_EQ(version(instance), 1u);
+    EXPECT_EQ(kill(instance, 1), static_cast<long>(win::ERROR_ACCESS_DENIED));
+
+    EXPECT_EQ(bootAlive(instance, service.c_str()), 0);
+    DWORD alive = 9;
+    EXPECT_EQ(queryBootAlive(instance, service.c_str(), &alive), 0);
+    EXPECT_EQ(alive, 1u);
+    const std::wstring other = DE::ANSIToUnicode((dir / "other/qlbmainservice").string());
+    EXPECT_EQ(queryBootAlive(instance, other.c_str(), &alive), 0);
+    EXPECT_EQ(alive, 0u);
+    EXPECT_EQ(bootAlive(instance, L""), static_cast<long>(win::ERROR_INVALID_PARAMETER));
+
+    EXPECT_EQ(shutdownNotice(instance, service.c_str()), 0);
+    EXPECT_EQ(shutdownNotice(instance, service.c_str()), 0);
+    const std::string notes = ReadFile(dir / "run/monprocess/shutdown");
+    EXPECT_EQ(std::count(notes.begin(), notes.end(), '\n'), 2);
+    EXPECT_NE(notes.find((dir / "qlbmainservice").string()), std::string::npos);
     ReleaseMonProcess(module, instance);
     EXPECT_EQ(module, nullptr);
     EXPECT_EQ(instance, nullptr);
@@ -136,39 +147,6 @@ TEST_F(MonProcessLoad, KillProcessEndsARunningProcessButNotTheFirstNorItsCaller)
         EXPECT_EQ(instance->KillProcess(pid), static_cast<long>(win::ERROR_ACCESS_DENIED)) << pid;
     }
     EXPECT_EQ(instance->KillProcess(0x7FFFFFF0), static_cast<long>(win::ERROR_INVALID_PARAMETER));
-}
-
-TEST_F(MonProcessLoad, BootAndShutdownNotesAnswerOnlyForTheServiceThatLeftThem) {
-    Install(QLB_MONPROCESS_DLL, true);
-    ASSERT_TRUE(LoadMonProcess(module, instance));
-    EXPECT_EQ(instance->BootAlive(service.c_str()), 0);
-    DWORD alive = 9;
-    EXPECT_EQ(instance->QueryBootAlive(service.c_str(), &alive), 0);
-    EXPECT_EQ(alive, 1u);
-    const std::wstring other = DE::ANSIToUnicode((dir / "other/qlbmainservice").string());
-    EXPECT_EQ(instance->QueryBootAlive(other.c_str(), &alive), 0);
-    EXPECT_EQ(alive, 0u);
-    EXPECT_EQ(instance->BootAlive(L""), static_cast<long>(win::ERROR_INVALID_PARAMETER));
-
-    EXPECT_EQ(instance->ShutdownNotice(service.c_str()), 0);
-    EXPECT_EQ(instance->ShutdownNotice(service.c_str()), 0);
-    const std::string notes = ReadFile(dir / "run/monprocess/shutdown");
-    EXPECT_EQ(std::count(notes.begin(), notes.end(), '\n'), 2);
-    EXPECT_NE(notes.find((dir / "qlbmainservice").string()), std::string::npos);
-}
-
-TEST_F(MonProcessLoad, OnlyTheMonitorInterfaceIsHandedOut) {
-    Install(QLB_MONPROCESS_DLL, true);
-    ASSERT_TRUE(LoadMonProcess(module, instance));
-    void* object = reinterpret_cast<void*>(0x1);
-    const ZvGuid other{0x12345678, 0, 0, {0, 0, 0, 0, 0, 0, 0, 0}};
-    EXPECT_EQ(instance->QueryInterface(&other, &object), MONPROCESS_E_NOINTERFACE);
-    EXPECT_EQ(object, nullptr);
-    auto create = reinterpret_cast<ZvCreateInstanceFn>(::dlsym(module, kZvCreateInstanceName));
-    ASSERT_NE(create, nullptr);
-    EXPECT_EQ(create(&other, &object), MONPROCESS_E_NOINTERFACE);
-    EXPECT_EQ(create(&IID_MonProcess, &object), MONPROCESS_S_OK);
-    EXPECT_EQ(object, instance);
 }
 
 }  // namespace
