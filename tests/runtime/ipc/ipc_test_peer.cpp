@@ -1,6 +1,6 @@
 // A module for the IPC tests, run as a process of its own.
 //   ipc_test_peer SOCKET MODULE echo   answers every message to its sender: the same id and
-//                                      syncMessageId, with the received header fields and data
+//                                      syncMessageId, with the received frame as data
 //   ipc_test_peer SOCKET MODULE join   tries once to join; exits 0 when joined, else the refusal
 //                                      status (99 when the hub never answered)
 
@@ -8,7 +8,6 @@
 
 #include <condition_variable>
 #include <csignal>
-#include <cstring>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -27,19 +26,11 @@ std::mutex g_mutex;
 std::condition_variable g_cv;
 bool g_released = false;
 
+// Answers with the whole frame as it was received: every header field and data byte.
 void Echo(IPCMessageClient& client, const TagIPCMessageItem& item) {
-    std::vector<std::uint8_t> data(kEchoHeaderSize + static_cast<std::size_t>(item.dataLength));
-    const std::int32_t fields[7] = {item.toModuleId, item.fromModuleId,  item.messageId, item.reservedA,
-                                    item.reservedB,  item.syncMessageId, item.dataLength};
-    for (int i = 0; i < 7; ++i) {
-        PutU32(data.data() + 4 * i, static_cast<std::uint32_t>(fields[i]));
-    }
-    data[28] = item.reservedFlag;
-    if (item.dataLength > 0) {
-        std::memcpy(data.data() + kEchoHeaderSize, item.data, static_cast<std::size_t>(item.dataLength));
-    }
-    TagIPCMessageItem answer = MakeItem(item.fromModuleId, client.ModuleId(), item.messageId, data.data(),
-                                        static_cast<int>(data.size()));
+    auto frame = EncodeFrame(item);
+    TagIPCMessageItem answer = MakeItem(item.fromModuleId, client.ModuleId(), item.messageId, frame.data(),
+                                        static_cast<int>(frame.size()));
     answer.syncMessageId = item.syncMessageId;
     client.PostIPCMessage(answer);
 }

@@ -15,11 +15,10 @@
 namespace qlb::ipc::test {
 
 // Test-only message ids understood by ipc_test_peer.
-inline constexpr int kMsgBlock = 0x7001;            // blocks until kMsgRelease arrives, then answers
-inline constexpr int kMsgFast = 0x7002;             // answered at once
-inline constexpr int kMsgRelease = 0x7003;          // frees the blocked handler
-inline constexpr int kMsgThrow = 0x7004;            // the handler throws
-inline constexpr std::size_t kEchoHeaderSize = 29;  // the echo's copy of the header fields
+inline constexpr int kMsgBlock = 0x7001;    // blocks until kMsgRelease arrives, then answers
+inline constexpr int kMsgFast = 0x7002;     // answered at once
+inline constexpr int kMsgRelease = 0x7003;  // frees the blocked handler
+inline constexpr int kMsgThrow = 0x7004;    // the handler throws
 
 inline constexpr auto kWait = std::chrono::seconds(20);
 
