@@ -8,7 +8,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -152,31 +151,19 @@ class LogCapture {
         (void)opened;
         tail_ = std::make_unique<FileTail>(dir / "ProcessTests.log");
     }
-    // The lines written since this object was made.
-    std::vector<std::string> Lines() const {
-        std::vector<std::string> lines;
+    // How many lines written since this object was made hold `message` (and the level, when given).
+    int Count(const std::string& message, const std::string& level = "") const {
         std::istringstream in(tail_->Text());
+        int count = 0;
         for (std::string line; std::getline(in, line);) {
-            lines.push_back(line);
+            count += line.find(message) != std::string::npos &&
+                     (level.empty() || line.find(" " + level + " ") != std::string::npos);
         }
-        return lines;
+        return count;
     }
     // Whether a line holds `level` and `message` (the message with its "(Function)").
-    bool Has(const std::string& level, const std::string& message) const {
-        for (const auto& line : Lines()) {
-            if (line.find(" " + level + " ") != std::string::npos &&
-                line.find(message) != std::string::npos) {
-                return true;
-            }
-        }
-        return false;
-    }
+    bool Has(const std::string& level, const std::string& message) const { return Count(message, level) > 0; }
     bool HasText(const std::string& message) const { return tail_->Has(message); }
-    int Count(const std::string& message) const {
-        const auto lines = Lines();
-        return static_cast<int>(std::count_if(
-            lines.begin(), lines.end(), [&](const auto& l) { return l.find(message) != std::string::npos; }));
-    }
 
   private:
     std::unique_ptr<FileTail> tail_;
