@@ -173,35 +173,27 @@ TEST(ChannelLifecycleTest, ClientBuiltBeforeTheHubJoinsOnceItStartsAndAfterARest
     EXPECT_FALSE(second.Start()) << "a second hub must not take over a live socket";
 }
 
-TEST(ChannelClientTest, MalformedItemsAreNotPosted) {
-    TempDir dir;
-    IPCMessageClient client(kSelf, dir / "ipc.sock");
+TEST_F(ChannelTest, MalformedItemsAreNotPosted) {
     std::uint8_t byte = 0;
-    EXPECT_FALSE(client.PostIPCMessage(MakeItem(1, kSelf, 1, nullptr, 4)));
-    EXPECT_FALSE(client.PostIPCMessage(MakeItem(1, kSelf, 1, &byte, -1)));
-    EXPECT_FALSE(client.PostIPCMessage(MakeItem(1, kSelf, 1, &byte, kMaxDataLength + 1)));
+    EXPECT_FALSE(self_->PostIPCMessage(MakeItem(1, kSelf, 1, nullptr, 4)));
+    EXPECT_FALSE(self_->PostIPCMessage(MakeItem(1, kSelf, 1, &byte, -1)));
+    EXPECT_FALSE(self_->PostIPCMessage(MakeItem(1, kSelf, 1, &byte, kMaxDataLength + 1)));
 }
 
-TEST(ChannelClientTest, LaterRegistrationReplacesTheFormerAndUnregisterRemovesIt) {
-    TempDir dir;
-    IPCMessageServer hub(dir / "ipc.sock", OnlyMe());
-    ASSERT_TRUE(hub.Start());
-    IPCMessageClient client(kSelf, dir / "ipc.sock");
+TEST_F(ChannelTest, LaterRegistrationReplacesTheFormerAndUnregisterFallsBackToTheDefault) {
     Inbox first;
     Inbox second;
-    Inbox fallback;
-    client.RegisterMessageCallback(0x7400, [&](TagIPCMessageItem& item) { first.Add(item); });
-    client.RegisterMessageCallback(0x7400, [&](TagIPCMessageItem& item) { second.Add(item); });
-    fallback.Attach(client);
-    ASSERT_TRUE(client.WaitJoined(kWait));
-    ASSERT_TRUE(client.PostIPCMessage(MakeItem(kSelf, kSelf, 0x7400)));
+    self_->RegisterMessageCallback(0x7400, [&](TagIPCMessageItem& item) { first.Add(item); });
+    self_->RegisterMessageCallback(0x7400, [&](TagIPCMessageItem& item) { second.Add(item); });
+    ASSERT_TRUE(self_->PostIPCMessage(MakeItem(kSelf, kSelf, 0x7400)));
     ASSERT_TRUE(second.WaitCount(1));
     EXPECT_TRUE(first.All().empty());
 
-    EXPECT_TRUE(client.UnRegisterMessageCallback(0x7400));
-    EXPECT_FALSE(client.UnRegisterMessageCallback(0x7400));
-    ASSERT_TRUE(client.PostIPCMessage(MakeItem(kSelf, kSelf, 0x7400)));
-    ASSERT_TRUE(fallback.WaitCount(1));
+    EXPECT_TRUE(self_->UnRegisterMessageCallback(0x7400));
+    EXPECT_FALSE(self_->UnRegisterMessageCallback(0x7400));
+    ASSERT_TRUE(self_->PostIPCMessage(MakeItem(kSelf, kSelf, 0x7400)));
+    Received received;
+    ASSERT_TRUE(inbox_.Take(0x7400, received));
     EXPECT_EQ(second.All().size(), 1u);
 }
 
