@@ -9,12 +9,12 @@
 #include <map>
 #include <mutex>
 
-#include "loopback_http_server.h"
 #include "runtime/telemetry/event_data_report.h"
 #include "runtime/telemetry/log_monitor.h"
 #include "runtime/telemetry/spool.h"
 #include "runtime/telemetry/uploader.h"
 #include "support/eventually.h"
+#include "support/http_test_server.h"
 #include "telemetry_fixture.h"
 
 namespace {
@@ -23,7 +23,7 @@ using qlb::telemetry::ReadUploadOffset;
 using qlb::telemetry::Uploader;
 using qlb::testing::HttpExchange;
 using qlb::testing::HttpReply;
-using qlb::testing::LoopbackHttpServer;
+using qlb::testing::HttpTestServer;
 using qlb::testing::ReadFile;
 using Round = Uploader::Round;
 
@@ -31,7 +31,7 @@ class Upload : public qlb::testing::TempMachine {
   protected:
     void SetUp() override {
         TempMachine::SetUp();
-        server_ = std::make_unique<LoopbackHttpServer>([this](const HttpExchange& in) { return Answer(in); });
+        server_ = std::make_unique<HttpTestServer>([this](const HttpExchange& in) { return Answer(in); });
     }
     void TearDown() override {
         server_.reset();
@@ -96,7 +96,7 @@ class Upload : public qlb::testing::TempMachine {
     }
     std::string SpoolSize() const { return std::to_string(std::filesystem::file_size(SpoolFile())); }
 
-    std::unique_ptr<LoopbackHttpServer> server_;
+    std::unique_ptr<HttpTestServer> server_;
     std::mutex mutex_;
     int failures_ = 0;
     std::map<std::string, int> accepted_;
@@ -252,7 +252,7 @@ class UploadConfiguration : public qlb::testing::TempMachine {};
 
 TEST_F(UploadConfiguration, MonitorUploadsAndStopsOnTheStopFlag) {
     // The endpoint is the "url" of the telemetry entry of the routing table.
-    LoopbackHttpServer server;
+    HttpTestServer server;
     auto profile = profile_;
     profile.services["com.zorvane.cloud.telemetry"]["ROOT"] = server.Url("/events");
     Configure(profile);
