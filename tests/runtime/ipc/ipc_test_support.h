@@ -1,6 +1,6 @@
 #pragma once
-// Helpers of the IPC tests: an inbox that collects what a client receives, and module processes
-// started from the ipc_test_peer program.
+// Helpers of the IPC and qlbctl tests: the message ids the ipc_test_peer program understands, an inbox
+// that collects what a client receives, and items made in one call.
 
 #include <chrono>
 #include <condition_variable>

@@ -52,6 +52,7 @@ class TempDir {
     fs::path path_;
 };
 
+// The start-up stage tests' name for a bounded wait.
 template <typename Pred>
 bool WaitUntil(Pred condition) {
     return Eventually(condition);
