@@ -78,6 +78,20 @@ void ServiceStateStore::Remove(const std::wstring& name) const {
     fs::remove(StatusFile(name), ec);
 }
 
+namespace {
+
+bool OtherThreadsRemain(std::int64_t pid) {
+    std::error_code ec;
+    for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(pid) + "/task", ec)) {
+        if (task.path().filename() != std::to_string(pid)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
 std::optional<std::uint64_t> ProcessStartTime(std::int64_t pid) {
     if (pid <= 0) {
         return std::nullopt;
@@ -95,7 +109,10 @@ std::optional<std::uint64_t> ProcessStartTime(std::int64_t pid) {
     std::istringstream fields(line.substr(close + 1));
     std::string state;
     fields >> state;
-    if (state == "Z" || state == "X") {
+    // A killed process shows its first thread as a zombie while the others are still on their way
+    // out, holding the process's files (its named mutex among them); it has ended only once they are
+    // gone.
+    if (state == "X" || (state == "Z" && !OtherThreadsRemain(pid))) {
         return std::nullopt;
     }
     // Fields 4..21 lie between the state (3) and the start time (22).

@@ -1,12 +1,17 @@
 #include "platform/services/service_state_store.h"
 
+#include <signal.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <thread>
 
 #include <gtest/gtest.h>
 
+#include "support/eventually.h"
+#include "support/files.h"
 #include "support/temp_dir.h"
 
 namespace qlb::platform {
@@ -59,6 +64,24 @@ TEST(ProcessLiveness, ExitedProcessIsNotAlive) {
     ::waitpid(child, &status, 0);
     EXPECT_FALSE(ProcessStartTime(child));
     EXPECT_FALSE(ProcessStartTime(0));
+}
+
+TEST(ProcessLiveness, ProcessWhoseFirstThreadEndedLivesUntilItsLastThreadEnds) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        std::thread([] { ::pause(); }).detach();
+        ::syscall(SYS_exit, 0);  // ends this thread only
+    }
+    ASSERT_GT(child, 0);
+    const bool firstThreadIsZombie = qlb::testing::Eventually([child] {
+        return qlb::testing::ReadFile("/proc/" + std::to_string(child) + "/stat").find(") Z ") !=
+               std::string::npos;
+    });
+    EXPECT_TRUE(firstThreadIsZombie);
+    EXPECT_TRUE(ProcessStartTime(child));
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    EXPECT_FALSE(ProcessStartTime(child));
 }
 
 }  // namespace

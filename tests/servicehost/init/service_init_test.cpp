@@ -85,8 +85,7 @@ class ServiceInit : public ::testing::Test {
     // The telemetry records of the test, in the order they were sent.
     std::vector<nlohmann::json> Events() const {
         std::vector<nlohmann::json> events;
-        std::istringstream in(ReadFile(dir / "appdata/telemetry/events.jsonl"));
-        for (std::string line; std::getline(in, line);) {
+        for (const auto& line : ReadLines(dir / "appdata/telemetry/events.jsonl")) {
             events.push_back(nlohmann::json::parse(line));
         }
         return events;

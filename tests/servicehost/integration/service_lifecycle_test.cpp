@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -19,6 +20,8 @@
 #include "support/temp_dir.h"
 
 namespace {
+
+using ::testing::HasSubstr;
 
 namespace fs = std::filesystem;
 using qlb::testing::Eventually;
@@ -121,33 +124,29 @@ TEST(ServiceLifecycle, InstallStartControlStopUninstall) {
     // Clean.
     auto r = m.Sc({"query", "QLBMainService"});
     EXPECT_EQ(r.code, 1);
-    EXPECT_NE(r.out.find("[SC] OpenService FAILED 1060:"), std::string::npos);
+    EXPECT_THAT(r.out, HasSubstr("[SC] OpenService FAILED 1060:"));
 
     // Install: the registration lies in the registry.
     EXPECT_EQ(m.Service("/install").code, 0);
     r = m.Run("qlbreg", {"query", "HKLM\\SYSTEM\\CurrentControlSet\\Services\\QLBMainService"});
     ASSERT_EQ(r.code, 0) << r.out;
-    EXPECT_NE(r.out.find("ImagePath    REG_SZ    " + (m.bin() / "qlbmainservice").string()),
-              std::string::npos)
-        << r.out;
-    EXPECT_NE(r.out.find("Start    REG_DWORD    0x2"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("Type    REG_DWORD    0x10"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("ErrorControl    REG_DWORD    0x0"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("DisplayName    REG_SZ    ZorVane Assistant Windows Service"), std::string::npos);
+    EXPECT_THAT(r.out, HasSubstr("ImagePath    REG_SZ    " + (m.bin() / "qlbmainservice").string()));
+    EXPECT_THAT(r.out, HasSubstr("Start    REG_DWORD    0x2"));
+    EXPECT_THAT(r.out, HasSubstr("Type    REG_DWORD    0x10"));
+    EXPECT_THAT(r.out, HasSubstr("ErrorControl    REG_DWORD    0x0"));
+    EXPECT_THAT(r.out, HasSubstr("DisplayName    REG_SZ    ZorVane Assistant Windows Service"));
     r = m.Sc({"query", "QLBMainService"});
     EXPECT_EQ(r.code, 0);
-    EXPECT_NE(r.out.find("STATE              : 1  STOPPED"), std::string::npos) << r.out;
+    EXPECT_THAT(r.out, HasSubstr("STATE              : 1  STOPPED"));
 
     // Start: /startup returns once the service is up.
     EXPECT_EQ(m.Service("/startup").code, 0);
     r = m.Sc({"query", "QLBMainService"});
     EXPECT_EQ(r.code, 0);
-    EXPECT_NE(r.out.find("TYPE               : 110  WIN32_OWN_PROCESS  (interactive)"), std::string::npos)
-        << r.out;
-    EXPECT_NE(r.out.find("STATE              : 4  RUNNING\n"
-                         "                                (STOPPABLE, NOT_PAUSABLE, ACCEPTS_SHUTDOWN)"),
-              std::string::npos)
-        << r.out;
+    EXPECT_THAT(r.out, HasSubstr("TYPE               : 110  WIN32_OWN_PROCESS  (interactive)"));
+    EXPECT_THAT(r.out,
+                HasSubstr("STATE              : 4  RUNNING\n"
+                          "                                (STOPPABLE, NOT_PAUSABLE, ACCEPTS_SHUTDOWN)"));
     auto startups = m.Events("619000002");
     ASSERT_EQ(startups.size(), 1u);
     EXPECT_EQ(startups[0]["fields"]["0"], "main service");
@@ -166,7 +165,7 @@ TEST(ServiceLifecycle, InstallStartControlStopUninstall) {
     EXPECT_EQ(startups[1]["fields"]["1"], "0");
     r = m.Sc({"start", "QLBMainService"});
     EXPECT_EQ(r.code, 1);
-    EXPECT_NE(r.out.find("[SC] StartService FAILED 1056:"), std::string::npos);
+    EXPECT_THAT(r.out, HasSubstr("[SC] StartService FAILED 1056:"));
 
     // Power events: without the device one log line per event; with it the request.
     const std::string missing =
@@ -189,7 +188,7 @@ TEST(ServiceLifecycle, InstallStartControlStopUninstall) {
     // Refused controls change nothing.
     r = m.Sc({"control", "QLBMainService", "paramchange"});
     EXPECT_EQ(r.code, 1);
-    EXPECT_NE(r.out.find("[SC] ControlService FAILED 1052:"), std::string::npos) << r.out;
+    EXPECT_THAT(r.out, HasSubstr("[SC] ControlService FAILED 1052:"));
     EXPECT_TRUE(m.StateIs("4  RUNNING"));
 
     // Stop.
@@ -199,8 +198,7 @@ TEST(ServiceLifecycle, InstallStartControlStopUninstall) {
     EXPECT_TRUE(m.Logged("ServiceMain loop exit.(ServiceMain)"));
     r = m.Sc({"stop", "QLBMainService"});
     EXPECT_EQ(r.code, 1);
-    EXPECT_NE(r.out.find("[SC] ControlService FAILED 1062:\n\nThe service has not been started."),
-              std::string::npos);
+    EXPECT_THAT(r.out, HasSubstr("[SC] ControlService FAILED 1062:\n\nThe service has not been started."));
 
     // Uninstall: clean again.
     EXPECT_EQ(m.Service("/uninstall").code, 0);
@@ -208,7 +206,7 @@ TEST(ServiceLifecycle, InstallStartControlStopUninstall) {
     EXPECT_EQ(r.code, 1);
     r = m.Sc({"query", "QLBMainService"});
     EXPECT_EQ(r.code, 1);
-    EXPECT_NE(r.out.find("[SC] OpenService FAILED 1060:"), std::string::npos);
+    EXPECT_THAT(r.out, HasSubstr("[SC] OpenService FAILED 1060:"));
 }
 
 TEST(ServiceLifecycle, ShutdownControlTellsTheWatchdogAndLeavesTheServiceRunning) {
@@ -234,7 +232,7 @@ TEST(ServiceLifecycle, ServiceThatDiesShowsStoppedAndStartsAgain) {
     ASSERT_EQ(::kill(static_cast<pid_t>(pid), SIGKILL), 0);
     ASSERT_TRUE(Eventually([&] { return m.StateIs("1  STOPPED"); }));
     const auto r = m.Sc({"query", "QLBMainService"});
-    EXPECT_NE(r.out.find("WIN32_EXIT_CODE    : 1067  (0x42b)"), std::string::npos) << r.out;
+    EXPECT_THAT(r.out, HasSubstr("WIN32_EXIT_CODE    : 1067  (0x42b)"));
     // Its mutex died with it, and a new start waits for the new one.
     EXPECT_EQ(m.Service("/startup").code, 0);
     EXPECT_TRUE(m.StateIs("4  RUNNING"));

@@ -2,12 +2,15 @@
 
 #include <sstream>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "platform/services/testing/fake_service_control.h"
 
 namespace qlb::sc {
 namespace {
+
+using ::testing::HasSubstr;
 
 using platform::testing::FakeServiceControlManager;
 
@@ -41,12 +44,12 @@ TEST(QlbscQuery, RunningServiceInTheConsoleToolsLayout) {
 TEST(QlbscQuery, StatusBlockNamesEveryStateAndTheInteractiveType) {
     SERVICE_STATUS s{0x110, SERVICE_STOP_PENDING, 0xC4, 1067, 0, 3, 3000};
     const std::string text = FormatStatus(L"Svc", s);
-    EXPECT_NE(text.find("TYPE               : 110  WIN32_OWN_PROCESS  (interactive)"), std::string::npos);
-    EXPECT_NE(text.find("STATE              : 3  STOP_PENDING"), std::string::npos);
-    EXPECT_NE(text.find("(NOT_STOPPABLE, NOT_PAUSABLE, ACCEPTS_SHUTDOWN)"), std::string::npos);
-    EXPECT_NE(text.find("WIN32_EXIT_CODE    : 1067  (0x42b)"), std::string::npos);
-    EXPECT_NE(text.find("CHECKPOINT         : 0x3"), std::string::npos);
-    EXPECT_NE(text.find("WAIT_HINT          : 0xbb8"), std::string::npos);
+    EXPECT_THAT(text, HasSubstr("TYPE               : 110  WIN32_OWN_PROCESS  (interactive)"));
+    EXPECT_THAT(text, HasSubstr("STATE              : 3  STOP_PENDING"));
+    EXPECT_THAT(text, HasSubstr("(NOT_STOPPABLE, NOT_PAUSABLE, ACCEPTS_SHUTDOWN)"));
+    EXPECT_THAT(text, HasSubstr("WIN32_EXIT_CODE    : 1067  (0x42b)"));
+    EXPECT_THAT(text, HasSubstr("CHECKPOINT         : 0x3"));
+    EXPECT_THAT(text, HasSubstr("WAIT_HINT          : 0xbb8"));
 }
 
 // The texts of 1062 and 1052 are checked against the real manager in the lifecycle test.
@@ -107,8 +110,8 @@ TEST(QlbscQc, PrintsTheRegistration) {
     const auto r = RunSc(scm, {"qc", "Svc"});
     EXPECT_EQ(r.code, 0);
     EXPECT_EQ(r.text.rfind("[SC] QueryServiceConfig SUCCESS\n\nSERVICE_NAME: Svc\n", 0), 0u);
-    EXPECT_NE(r.text.find("        BINARY_PATH_NAME   : /opt/svc\n"), std::string::npos);
-    EXPECT_NE(r.text.find("        START_TYPE         : 2   AUTO_START\n"), std::string::npos);
+    EXPECT_THAT(r.text, HasSubstr("        BINARY_PATH_NAME   : /opt/svc\n"));
+    EXPECT_THAT(r.text, HasSubstr("        START_TYPE         : 2   AUTO_START\n"));
 }
 
 // Named events are sent end to end in the lifecycle test; numbers stand for any event or control.
