@@ -27,40 +27,63 @@ void HoldingServiceMain(DWORD, wchar_t**) {
     ReportStatus(nullptr, SERVICE_STOPPED, 0, 0);
 }
 
-class ControlHandlerTest : public ::testing::Test {
+// The dispatcher on a thread of its own, with a fake manager side that records every status.
+class DispatcherTest : public ::testing::Test {
   protected:
-    void SetUp() override {
+    void Dispatch(LPSERVICE_MAIN_FUNCTIONW serviceMain) {
         qlb::servicehost::ResetCheckPointForTest();
         InitServiceStatus();
         g_releaseHolder.Reset();
-        g_hStopEvent = &stopEvent_;
         auto fake = std::make_unique<FakeServiceProcessHost>();
-        hostProcess_ = fake.get();
+        process_ = fake.get();
         platform::SetServiceProcessHost(std::move(fake));
-        dispatcher_ = std::thread([] {
-            const SERVICE_TABLE_ENTRYW table[] = {{kMainServiceName, HoldingServiceMain}, {nullptr, nullptr}};
-            (void)StartServiceCtrlDispatcherW(table);
+        dispatcher_ = std::thread([this, serviceMain] {
+            const SERVICE_TABLE_ENTRYW table[] = {{kMainServiceName, serviceMain}, {nullptr, nullptr}};
+            dispatched_ = StartServiceCtrlDispatcherW(table);
         });
-        ASSERT_TRUE(
-            hostProcess_->WaitForStatus([](const SERVICE_STATUS& s) { return s.dwCurrentState == 4; }));
     }
-    void TearDown() override {
+    bool WaitForState(DWORD state) {
+        return process_->WaitForStatus([state](const SERVICE_STATUS& s) { return s.dwCurrentState == state; },
+                                       std::chrono::seconds(60));
+    }
+    // Ends the dispatcher whatever the test did.
+    void Release() {
         g_releaseHolder.Set();
-        dispatcher_.join();
-        g_hStopEvent = nullptr;
+        if (g_hStopEvent) {
+            g_hStopEvent->Set();
+        }
+        if (dispatcher_.joinable()) {
+            dispatcher_.join();
+        }
     }
+    void TearDown() override { Release(); }
     SysResult<SERVICE_STATUS> Send(DWORD control, DWORD eventType = 0, DWORD session = 0) {
-        return hostProcess_->Send(ControlRequest{control, eventType, session}).get();
+        return process_->Send(ControlRequest{control, eventType, session}).get();
     }
     SERVICE_STATUS Last() {
-        const auto statuses = hostProcess_->Statuses();
+        const auto statuses = process_->Statuses();
         return statuses.empty() ? SERVICE_STATUS{} : statuses.back();
+    }
+
+    FakeServiceProcessHost* process_ = nullptr;
+    std::thread dispatcher_;
+    SysStatus dispatched_ = SysStatus::Fail(1);
+};
+
+class ControlHandlerTest : public DispatcherTest {
+  protected:
+    void SetUp() override {
+        g_hStopEvent = &stopEvent_;
+        Dispatch(HoldingServiceMain);
+        ASSERT_TRUE(WaitForState(SERVICE_RUNNING));
+    }
+    void TearDown() override {
+        Release();
+        g_hStopEvent = nullptr;
     }
 
     FakeHost host_{"handler"};
     platform::ManualResetEvent stopEvent_;
-    FakeServiceProcessHost* hostProcess_ = nullptr;
-    std::thread dispatcher_;
 };
 
 TEST_F(ControlHandlerTest, ReportStatusMasksStopWhileStartIsPendingCountsCheckPointsAndLogsAFailure) {
@@ -81,9 +104,9 @@ TEST_F(ControlHandlerTest, ReportStatusMasksStopWhileStartIsPendingCountsCheckPo
     EXPECT_EQ(Last().dwCheckPoint, 3u);
     EXPECT_EQ(Last().dwControlsAccepted, 0xC5u);
     // A report the manager refuses is logged.
-    hostProcess_->setStatusError = win::ERROR_ACCESS_DENIED;
+    process_->setStatusError = win::ERROR_ACCESS_DENIED;
     ReportStatus(nullptr, SERVICE_RUNNING, 0, 0);
-    hostProcess_->setStatusError = 0;
+    process_->setStatusError = 0;
     EXPECT_GE(CountLogLines("set service status failed, error code=5(ReportStatus)"), 1);
 }
 
@@ -104,11 +127,11 @@ TEST_F(ControlHandlerTest, LockRecordsTheSessionAndRepeatsTheRunningState) {
 }
 
 TEST_F(ControlHandlerTest, StopReportsPendingWithHintThenAgainWithNextCheckPointAndSetsTheEvent) {
-    const auto before = hostProcess_->Statuses().size();
+    const auto before = process_->Statuses().size();
     const auto reply = Send(SERVICE_CONTROL_STOP);
     ASSERT_TRUE(reply.ok());
     EXPECT_TRUE(stopEvent_.IsSet());
-    const auto statuses = hostProcess_->Statuses();
+    const auto statuses = process_->Statuses();
     ASSERT_EQ(statuses.size(), before + 2);
     EXPECT_EQ(statuses[before].dwCurrentState, 3u);
     EXPECT_EQ(statuses[before].dwWaitHint, 3000u);
@@ -119,30 +142,14 @@ TEST_F(ControlHandlerTest, StopReportsPendingWithHintThenAgainWithNextCheckPoint
 
 // --- the whole life of the service, through the dispatcher, on fakes ---
 
-TEST(ServiceLife, StartDailyRoundsAndStopInOrder) {
+TEST_F(DispatcherTest, ServiceStartsRunsDailyRoundsAndStopsInOrder) {
     FakeHost host("life");
     host.clock->timeoutsLeft = 2;  // two 24-hour rounds pass before the stop
     host.services->AddService(kLcdServiceName, SERVICE_STOPPED);
-    qlb::servicehost::ResetCheckPointForTest();
-    InitServiceStatus();
-    auto fake = std::make_unique<FakeServiceProcessHost>();
-    auto* process = fake.get();
-    platform::SetServiceProcessHost(std::move(fake));
     const auto dailyBefore = SpoolRecordsOf("619000001").size();
     const auto stoppedBefore = SpoolRecordsOf("619000005").size();
-
-    SysStatus dispatched = SysStatus::Fail(1);
-    std::thread dispatcher([&] {
-        const SERVICE_TABLE_ENTRYW table[] = {{kMainServiceName, ServiceMain}, {nullptr, nullptr}};
-        dispatched = StartServiceCtrlDispatcherW(table);
-    });
-    if (!process->WaitForStatus([](const SERVICE_STATUS& s) { return s.dwCurrentState == 4; },
-                                std::chrono::seconds(60))) {
-        ADD_FAILURE() << "the service never reported running";
-        g_hStopEvent->Set();
-        dispatcher.join();
-        return;
-    }
+    Dispatch(ServiceMain);
+    ASSERT_TRUE(WaitForState(SERVICE_RUNNING));
     // The loop's mutex is the sign that the service is up.
     ASSERT_TRUE(Eventually([&] { return host.mutexes->Exists(kServiceMutexName); }));
     ASSERT_TRUE(Eventually([&] { return host.clock->Waits().size() == 3; }));
@@ -151,13 +158,11 @@ TEST(ServiceLife, StartDailyRoundsAndStopInOrder) {
     // LCD_Service was stopped, so the start-up started it.
     EXPECT_EQ(host.services->Get(kLcdServiceName).status.dwCurrentState, SERVICE_START_PENDING);
 
-    const auto reply = process->Send(ControlRequest{SERVICE_CONTROL_STOP, 0, 0}).get();
-    ASSERT_TRUE(reply.ok());
-    dispatcher.join();
-    EXPECT_TRUE(dispatched.ok());
+    ASSERT_TRUE(Send(SERVICE_CONTROL_STOP).ok());
+    dispatcher_.join();
+    EXPECT_TRUE(dispatched_.ok());
     EXPECT_FALSE(host.mutexes->Exists(kServiceMutexName));
-
-    const auto statuses = process->Statuses();
+    const auto statuses = process_->Statuses();
     ASSERT_GE(statuses.size(), 4u);
     EXPECT_EQ(statuses.front().dwCurrentState, 2u);
     EXPECT_EQ(statuses.front().dwWaitHint, 3000u);
@@ -169,33 +174,20 @@ TEST(ServiceLife, StartDailyRoundsAndStopInOrder) {
     EXPECT_EQ(power.back()["infoText"], "1");
 }
 
-TEST(ServiceLife, FailedStartUpStaysPendingWithStopMaskedUntilTheEventIsSet) {
+TEST_F(DispatcherTest, FailedStartUpStaysPendingWithStopMaskedUntilTheEventIsSet) {
     FakeHost host("life-fail");
     const fs::path aside = PluginConfig().string() + ".aside";
     fs::rename(PluginConfig(), aside);
-    qlb::servicehost::ResetCheckPointForTest();
-    InitServiceStatus();
-    auto fake = std::make_unique<FakeServiceProcessHost>();
-    auto* process = fake.get();
-    platform::SetServiceProcessHost(std::move(fake));
-    std::thread dispatcher([] {
-        const SERVICE_TABLE_ENTRYW table[] = {{kMainServiceName, ServiceMain}, {nullptr, nullptr}};
-        (void)StartServiceCtrlDispatcherW(table);
-    });
+    Dispatch(ServiceMain);
     // The daily loop runs although the start-up failed.
     const bool looping = Eventually([&] { return host.clock->Waits().size() == 1; });
     fs::rename(aside, PluginConfig());
-    if (looping) {
-        EXPECT_EQ(process->Statuses().back().dwCurrentState, 2u);
-        EXPECT_EQ(process->Send(ControlRequest{SERVICE_CONTROL_STOP, 0, 0}).get().error,
-                  win::ERROR_INVALID_SERVICE_CONTROL);
-        EXPECT_GE(CountLogLines("Service Main: fail to Init Service.(PrepareService)"), 1);
-    }
-    EXPECT_TRUE(looping) << "the daily loop never started";
-    ASSERT_TRUE(g_hStopEvent);
-    g_hStopEvent->Set();
-    dispatcher.join();
-    EXPECT_EQ(process->Statuses().back().dwCurrentState, 1u);
+    ASSERT_TRUE(looping) << "the daily loop never started";
+    EXPECT_EQ(Last().dwCurrentState, 2u);
+    EXPECT_EQ(Send(SERVICE_CONTROL_STOP).error, win::ERROR_INVALID_SERVICE_CONTROL);
+    EXPECT_GE(CountLogLines("Service Main: fail to Init Service.(PrepareService)"), 1);
+    Release();
+    EXPECT_EQ(Last().dwCurrentState, 1u);
 }
 
 TEST(ServiceLoop, ExistingMutexIsJoinedAndAFailedWaitEndsTheLoop) {
