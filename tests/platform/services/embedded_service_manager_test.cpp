@@ -135,7 +135,7 @@ std::atomic<int> g_handled{0};
 std::atomic<DWORD> g_lastSession{0};
 std::atomic<std::uint32_t> g_lateReportError{0};
 ManualResetEvent g_goRunning;
-ManualResetEvent g_stopRequested;
+ManualResetEvent g_letStop;  // the test has seen the stop control's reply
 SERVICE_STATUS_HANDLE g_handle = nullptr;
 
 SysStatus Report(DWORD state, DWORD accepted) {
@@ -149,7 +149,6 @@ DWORD TestHandler(DWORD control, DWORD, void* data, void*) {
     }
     if (control == SERVICE_CONTROL_STOP) {
         (void)Report(SERVICE_STOP_PENDING, 0xC5);
-        g_stopRequested.Set();
     }
     ++g_handled;
     return 0;
@@ -160,7 +159,7 @@ void TestServiceMain(DWORD, wchar_t**) {
     (void)Report(SERVICE_START_PENDING, 0xC4);
     g_goRunning.Wait(INFINITE);
     (void)Report(SERVICE_RUNNING, 0xC5);
-    g_stopRequested.Wait(INFINITE);
+    g_letStop.Wait(INFINITE);
     (void)Report(SERVICE_STOPPED, 0);
     // A report that comes after the stopped one (the handler's closing report losing the race) must
     // not bring the service back to life.
@@ -209,6 +208,7 @@ TEST_F(EmbeddedManagerTest, ControlsReachTheHandlerOneAtATimeAndObeyTheMask) {
     const auto stop = manager_->ControlService(L"InProc", SERVICE_CONTROL_STOP, 0, 0);
     ASSERT_TRUE(stop.ok()) << stop.error;
     EXPECT_EQ(stop.value.dwCurrentState, SERVICE_STOP_PENDING);
+    g_letStop.Set();
     dispatcher.join();
     EXPECT_TRUE(dispatched.ok());
     EXPECT_EQ(manager_->QueryServiceStatus(L"InProc").value.dwCurrentState, SERVICE_STOPPED);
