@@ -69,7 +69,7 @@ TEST(QlbscFailures, UnknownServiceOrSecondStartGivesItsTextAndStatusOne) {
     EXPECT_EQ(r.text, "[SC] StartService FAILED 1056:\n\nAn instance of the service is already running.\n\n");
 }
 
-TEST(QlbscCreate, RegistersWithOptionsAndRefusesADuplicate) {
+TEST(QlbscCreate, RegistersWithOptionsOrDemandStartAndRefusesADuplicate) {
     FakeServiceControlManager scm;
     auto r =
         RunSc(scm, {"create", "Svc", "binPath=", "/opt/svc", "start=", "auto", "DisplayName=", "My Svc"});
@@ -82,16 +82,8 @@ TEST(QlbscCreate, RegistersWithOptionsAndRefusesADuplicate) {
     r = RunSc(scm, {"create", "Svc", "binPath=", "/opt/svc"});
     EXPECT_EQ(r.code, 1);
     EXPECT_EQ(r.text.rfind("[SC] CreateService FAILED 1073:", 0), 0u);
-}
-
-TEST(QlbscCreate, DefaultsToDemandStartAndNeedsABinary) {
-    FakeServiceControlManager scm;
-    EXPECT_EQ(RunSc(scm, {"create", "Svc", "binPath=", "/x"}).code, 0);
-    EXPECT_EQ(scm.Get(L"Svc").config.startType, SERVICE_DEMAND_START);
-    EXPECT_EQ(RunSc(scm, {"create", "Other", "start=", "auto"}).code, 1);
-    EXPECT_EQ(RunSc(scm, {"create", "Other", "binPath="}).code, 1);
-    EXPECT_EQ(RunSc(scm, {"create", "Other", "binPath=", "/x", "start=", "sometimes"}).code, 1);
-    EXPECT_FALSE(scm.Has(L"Other"));
+    EXPECT_EQ(RunSc(scm, {"create", "Other", "binPath=", "/x"}).code, 0);
+    EXPECT_EQ(scm.Get(L"Other").config.startType, SERVICE_DEMAND_START);
 }
 
 TEST(QlbscConfig, ChangesTheStartType) {
@@ -101,7 +93,6 @@ TEST(QlbscConfig, ChangesTheStartType) {
     EXPECT_EQ(r.code, 0);
     EXPECT_EQ(r.text, "[SC] ChangeServiceConfig SUCCESS\n");
     EXPECT_EQ(scm.Get(L"Svc").config.startType, SERVICE_DISABLED);
-    EXPECT_EQ(RunSc(scm, {"config", "Svc", "type=", "own"}).code, 1);
 }
 
 TEST(QlbscQc, PrintsTheRegistration) {
@@ -138,11 +129,16 @@ TEST(QlbscUsage, MalformedCommandLinesAreStatusOneAndSendNothing) {
         {"control", "Svc", "sessionchange", "logon", "x"},
         {"control", "Svc", "powerevent"},
         {"control", "Svc", "twelve"},
+        {"create", "Other", "start=", "auto"},
+        {"create", "Other", "binPath="},
+        {"create", "Other", "binPath=", "/x", "start=", "sometimes"},
+        {"config", "Svc", "type=", "own"},
     };
     for (const auto& args : cases) {
         EXPECT_EQ(RunSc(scm, args).code, 1) << ::testing::PrintToString(args);
     }
     EXPECT_EQ(scm.CountCalls("ControlService"), 0);
+    EXPECT_FALSE(scm.Has(L"Other"));
 }
 
 TEST(QlbscParse, NumbersAndNames) {
