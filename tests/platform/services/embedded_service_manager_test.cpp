@@ -73,7 +73,7 @@ class EmbeddedManagerTest : public ::testing::Test {
         std::make_unique<InMemoryDatabase>(), dir_ / "run", &sessions_, 10000);
 };
 
-TEST_F(EmbeddedManagerTest, RegistrationLifecycle) {
+TEST_F(EmbeddedManagerTest, RegistrationLifecycleAndBadNames) {
     EXPECT_EQ(manager_->OpenService(L"Svc", 0).error, win::ERROR_SERVICE_DOES_NOT_EXIST);
     ASSERT_TRUE(manager_->CreateService(Config(L"Svc", "/bin/true")).ok());
     EXPECT_TRUE(manager_->OpenService(L"SVC", 0).ok());
@@ -87,9 +87,7 @@ TEST_F(EmbeddedManagerTest, RegistrationLifecycle) {
     EXPECT_EQ(manager_->QueryServiceConfig(L"svc").value.startType, SERVICE_DISABLED);
     ASSERT_TRUE(manager_->DeleteService(L"svc").ok());
     EXPECT_EQ(manager_->DeleteService(L"svc").error, win::ERROR_SERVICE_DOES_NOT_EXIST);
-}
-
-TEST_F(EmbeddedManagerTest, BadNamesAreRefused) {
+    // Names that could leave the state directory are refused.
     EXPECT_EQ(manager_->OpenService(L"", 0).error, win::ERROR_INVALID_NAME);
     EXPECT_EQ(manager_->CreateService(Config(L"a/b", "/bin/true")).error, win::ERROR_INVALID_NAME);
     EXPECT_EQ(manager_->StartService(L"..\\x").error, win::ERROR_INVALID_NAME);

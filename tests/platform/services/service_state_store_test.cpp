@@ -17,7 +17,7 @@
 namespace qlb::platform {
 namespace {
 
-TEST(StateStore, RecordIsReadBackUnderAnyCaseOfTheName) {
+TEST(StateStore, RecordIsReadBackUnderAnyCaseOfTheNameAndAMalformedOneAsNone) {
     const qlb::testing::TempDir dir;
     ServiceStateStore store(dir.Path());
     ServiceStateRecord r;
@@ -31,12 +31,7 @@ TEST(StateStore, RecordIsReadBackUnderAnyCaseOfTheName) {
     EXPECT_EQ(got->processStartTime, 99u);
     EXPECT_EQ(got->status.dwCurrentState, 4u);
     EXPECT_EQ(got->status.dwControlsAccepted, 0xC5u);
-}
-
-TEST(StateStore, MalformedRecordReadsAsNone) {
-    const qlb::testing::TempDir dir;
-    ServiceStateStore store(dir.Path());
-    ASSERT_TRUE(store.EnsureDirectory().ok());
+    // A malformed record reads as none.
     std::ofstream(store.StatusFile(L"svc")) << "{\"pid\": \"x\"}";
     EXPECT_FALSE(store.Read(L"svc"));
     std::ofstream(store.StatusFile(L"svc")) << "not json";

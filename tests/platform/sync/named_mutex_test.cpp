@@ -12,7 +12,7 @@
 namespace qlb::platform {
 namespace {
 
-TEST(NamedMutex, ExistsExactlyWhileAHandleIsOpen) {
+TEST(NamedMutex, ExistsExactlyWhileAHandleIsOpenAndNeedsAName) {
     const qlb::testing::TempDir dir;
     NamedMutexSpace space(dir.Path());
     EXPECT_EQ(space.Open(L"QLBMainServiceHandle").error, win::ERROR_FILE_NOT_FOUND);
@@ -34,6 +34,8 @@ TEST(NamedMutex, ExistsExactlyWhileAHandleIsOpen) {
     opened.value.reset();
     EXPECT_FALSE(space.Exists(L"QLBMainServiceHandle"));
     EXPECT_EQ(space.Open(L"QLBMainServiceHandle").error, win::ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(space.Create(L"").error, win::ERROR_INVALID_NAME);
+    EXPECT_EQ(space.Open(L"").error, win::ERROR_INVALID_NAME);
 }
 
 TEST(NamedMutex, AnotherProcessSeesItAndItDiesWithItsHolder) {
@@ -62,12 +64,6 @@ TEST(NamedMutex, AnotherProcessSeesItAndItDiesWithItsHolder) {
     EXPECT_EQ(space.Open(L"Held").error, win::ERROR_FILE_NOT_FOUND);
     ::close(ready[0]);
     ::close(ready[1]);
-}
-
-TEST(NamedMutex, EmptyNameIsInvalid) {
-    NamedMutexSpace space("/nonexistent-qlb");
-    EXPECT_EQ(space.Create(L"").error, win::ERROR_INVALID_NAME);
-    EXPECT_EQ(space.Open(L"").error, win::ERROR_INVALID_NAME);
 }
 
 }  // namespace
