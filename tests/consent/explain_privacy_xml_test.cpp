@@ -155,9 +155,9 @@ class RefreshTest : public PrivacyTest {
     }
     // "branch=reply ...": the server answers each branch id it is asked for with the reply, a bare version
     // number standing for both agreements at that version; a branch it does not know gets 1011.
-    void ServeVersions(const std::string& spec) {
+    void ServeVersions(const std::string& table) {
         std::map<int, std::string> replies;
-        std::istringstream in(spec);
+        std::istringstream in(table);
         for (std::string item; in >> item;) {
             const auto eq = item.find('=');
             const std::string reply = item.substr(eq + 1);
