@@ -26,21 +26,8 @@ TEST(StartupMainService, GivesUpAfterFiftyOneSleepsOfOneHundredMilliseconds) {
     EXPECT_EQ(CountLogLines("main service wait start up time out.(StartupMainService)"), before + 1);
 }
 
-TEST(StartupMainService, ReturnsOnceTheServiceMutexAppears) {
-    FakeHost host("startup-ok");
-    host.services->AddService(kMainServiceName, SERVICE_STOPPED);
-    std::unique_ptr<platform::NamedMutexHandle> serviceSide;
-    host.clock->onSleep = [&] {
-        if (host.clock->Sleeps().size() == 3) {
-            serviceSide = std::move(host.mutexes->Create(kServiceMutexName).value.handle);
-        }
-    };
-    CServiceManager manager;
-    EXPECT_EQ(StartupMainService(manager), 1);
-    EXPECT_EQ(host.clock->Sleeps().size(), 3u);
-}
-
-// The switches end to end (case, unknown ones, /startup's event) are in the lifecycle test.
+// The switches end to end (case, unknown ones, /startup's wait for the service and its event) are in
+// the lifecycle test.
 TEST(ProcServiceOperation, NoSwitchDoesNothingAndStatusOrStopOfAStoppedServiceAnswer) {
     FakeHost host("ops");
     EXPECT_EQ(ProcServiceOperation(nullptr), 0);

@@ -1,7 +1,5 @@
 #include "platform/sync/clock.h"
 
-#include <thread>
-
 #include <gtest/gtest.h>
 
 namespace qlb::platform {
@@ -15,15 +13,6 @@ TEST(ManualResetEvent, TimesOutUntilSetThenStaysSet) {
     EXPECT_EQ(event.Wait(INFINITE), WAIT_OBJECT_0);  // manual reset: still set
     event.Reset();
     EXPECT_EQ(event.Wait(0), WAIT_TIMEOUT);
-}
-
-TEST(ManualResetEvent, WakesAWaiterOnAnotherThread) {
-    ManualResetEvent event;
-    DWORD result = WAIT_FAILED;
-    std::thread waiter([&] { result = event.Wait(INFINITE); });
-    event.Set();
-    waiter.join();
-    EXPECT_EQ(result, WAIT_OBJECT_0);
 }
 
 TEST(SystemClock, WaitOnNullEventFails) {
