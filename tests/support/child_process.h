@@ -103,6 +103,9 @@ class ChildProcess {
         return WIFEXITED(*status_) ? WEXITSTATUS(*status_) : -1;
     }
 
+    // Asks the child to end, as the service manager or a terminal would.
+    void Terminate() { kill(pid_, SIGTERM); }
+
     void Kill() {
         kill(pid_, SIGKILL);
         int status = 0;

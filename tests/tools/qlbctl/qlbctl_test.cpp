@@ -112,6 +112,8 @@ TEST_F(QlbctlBinaryTest, WatchPrintsFramesAddressedToItsModule) {
     ASSERT_TRUE(service_.PostIPCMessage(MakeItem(0x510000, 0x30000, 0x3F0004, bytes, 2)));
     std::string out;
     EXPECT_TRUE(ReadUntil(ctl, "hex: de ad", out)) << out;
+    ctl.Terminate();
+    EXPECT_EQ(ctl.Wait(), 0);
 }
 
 TEST(QlbctlExitStatusTest, NoHubGivesOneAndBadUsageGivesTwo) {
