@@ -91,13 +91,20 @@ SysResult<std::unique_ptr<Process>> FakeProcessApi::Open(std::uint32_t pid) {
 
 SysResult<std::uint32_t> FakeProcessApi::Start(const StartOptions& options) {
     Record("start " + options.image.string() + (options.user.empty() ? "" : " " + options.user));
-    std::lock_guard lock(mutex_);
-    if (startError_ != 0) {
-        return SysResult<std::uint32_t>::Fail(startError_);
+    std::uint32_t pid = 0;
+    {
+        std::lock_guard lock(mutex_);
+        if (startError_ != 0) {
+            return SysResult<std::uint32_t>::Fail(startError_);
+        }
+        started_.push_back(options);
+        pid = nextPid_++;
+        processes_[pid] = FakeProcess{DE::ANSIToUnicode(options.image.filename().string())};
     }
-    started_.push_back(options);
-    const std::uint32_t pid = nextPid_++;
-    processes_[pid] = FakeProcess{DE::ANSIToUnicode(options.image.filename().string())};
+    // Outside the lock: the caller's hook may look at this fake.
+    if (options.beforeExec) {
+        options.beforeExec(pid);
+    }
     return SysResult<std::uint32_t>::Ok(pid);
 }
 
