@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include "loopback_http_server.h"
 #include "platform/sessions/session_source.h"
 #include "runtime/http/url_loader.h"
 #include "runtime/ipc/ipc_message_server.h"
@@ -16,6 +15,7 @@
 #include "runtime/process/process_utils.h"
 #include "runtime/process/support/process_test_support.h"
 #include "servicehost/service_init.h"
+#include "support/http_test_server.h"
 
 namespace {
 
@@ -172,7 +172,7 @@ TEST_F(ServiceInit, AnIpcServerThatCannotStartLeavesNoPluginsAndNoEvent) {
 }
 
 TEST_F(ServiceInit, ServerConfigurationIsFetchedOnlyWhereTheLoginGuideIsTheChineseOne) {
-    LoopbackHttpServer server([](const HttpExchange&) { return HttpReply{200, R"({"switch":1})", {}}; });
+    HttpTestServer server([](const HttpExchange&) { return HttpReply{200, R"({"switch":1})", {}}; });
     profile.profile().services[ServerConfigDownload::kServiceName]["ROOT"] = server.Url("/");
     profile.Apply();
 
