@@ -99,8 +99,7 @@ TEST_F(AgreementServerTest, SignIsAFormWithTokenAndRequestEncoded) {
     Answer(R"({"errorCode":0})");
     EXPECT_EQ(service().AgreementSign("to ken&=/+"), 0);
 
-    ASSERT_EQ(server().RequestCount(), 1u);
-    const HttpExchange request = server().Requests()[0];
+    const HttpExchange request = server().Requests().at(0);
     EXPECT_EQ(request.target, "/");
     EXPECT_EQ(request.Header("content-type"), "application/x-www-form-urlencoded");
     EXPECT_EQ(request.Header("charset"), "UTF-8");

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <optional>
@@ -296,7 +297,7 @@ TEST_F(RefreshTest, BadPrivacyFileOrUnknownDeviceIsALocalFailure) {
     const std::pair<std::function<void()>, const char*> cases[] = {
         {[&] { std::filesystem::remove(PrivacyDocumentPath()); },
          "WARN DecryXmlFile failed(ExplainPrivacyXml::GetTessalinkPrivacyContent)"},
-        {[&] { InstallRawPrivacyFile(std::string(300, 'x')); },
+        {[&] { std::ofstream(PrivacyDocumentPath()) << std::string(300, 'x'); },
          "WARN get content failed(ExplainPrivacyXml::InitPrivacy)"},
         {[&] { InstallPrivacyDocument("<privacy><brand name=\"zorvane\"></privacy>"); },
          "readXmlFile failed"},

@@ -26,15 +26,11 @@ class RecordsTest : public ConsentTest {
     void Versions(const std::wstring& key133, const std::wstring& key10021, const std::wstring& name133,
                   const std::wstring& name10021, const std::string& spec) {
         std::istringstream in(spec);
-        std::string v133;
-        std::string v10021;
-        in >> v133 >> v10021;
-        const auto version = [](const std::string& v) { return v == "new" ? kNew : v == "old" ? kOld : v; };
-        if (!v133.empty() && v133 != "-") {
-            SetUserValue(key133, name133, version(v133));
-        }
-        if (!v10021.empty() && v10021 != "-") {
-            SetUserValue(key10021, name10021, version(v10021));
+        for (const auto& [key, name] : {std::pair(key133, name133), std::pair(key10021, name10021)}) {
+            std::string v;
+            if (in >> v && v != "-") {
+                SetUserValue(key, name, v == "new" ? kNew : v == "old" ? kOld : v);
+            }
         }
     }
     void Versions(const std::wstring& key, const std::string& spec) {

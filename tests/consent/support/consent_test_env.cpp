@@ -109,12 +109,8 @@ std::filesystem::path ConsentTest::PrivacyDocumentPath() const {
 void ConsentTest::InstallPrivacyDocument(const std::string& xml) {
     const auto packed = qlb::privacy::PackDocument(xml, qlb::privacy::HeaderMode::Random);
     ASSERT_TRUE(packed.has_value());
-    InstallRawPrivacyFile(*packed);
-}
-
-void ConsentTest::InstallRawPrivacyFile(const std::string& bytes) {
     std::ofstream out(PrivacyDocumentPath(), std::ios::binary | std::ios::trunc);
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    out.write(packed->data(), static_cast<std::streamsize>(packed->size()));
     ASSERT_TRUE(out.good());
 }
 

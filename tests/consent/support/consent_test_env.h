@@ -37,9 +37,8 @@ class ConsentTest : public ::testing::Test {
     void SetLoggedIn(bool loggedIn);
     void SetServerUpdated(bool updated);
 
-    // Writes the privacy document of the program directory from plain XML, or as raw bytes.
+    // Writes the privacy document of the program directory from plain XML.
     void InstallPrivacyDocument(const std::string& xml);
-    void InstallRawPrivacyFile(const std::string& bytes);
     std::filesystem::path PrivacyDocumentPath() const;
 
     // Whether this test logged the text so far.
