@@ -69,11 +69,9 @@ TEST(IPCDataIOReadTest, ExactlyTheRemainingBytesReadAndOneMoreDoesNot) {
     TagIPCMessageItem empty;
     IPCDataIO fresh(&empty, true, false);
     EXPECT_EQ(fresh.WriteBytes(nullptr, 4), 0u);
-    EXPECT_EQ(fresh.ReadBytes(nullptr, 0), 0u);
     EXPECT_EQ(fresh.ReadUInt32(nullptr), 0u);
     IPCDataIO none(nullptr, true, false);
     unsigned value = 0;
-    EXPECT_EQ(none.Reserve(4), 0u);
     EXPECT_EQ(none.WriteUInt32(1), 0u);
     EXPECT_EQ(none.ReadUInt32(&value), 0u);
 }
@@ -148,7 +146,6 @@ TEST(StreamLayoutTest, LogInfoRoundTripsThroughThePeerPayload) {
     info.fields = {{0, "zero"}, {-5, "minus"}, {7, ""}};
     info.extraText = "extra";
     auto payload = EncodeLogInfoPayload(info);
-    EXPECT_EQ(payload.size() % 64, 0u);
 
     TagIPCMessageItem item;
     item.data = payload.data();

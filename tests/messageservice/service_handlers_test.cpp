@@ -15,10 +15,10 @@
 #include "runtime/common/logging.h"
 #include "runtime/common/machine_profile.h"
 #include "runtime/common/strings.h"
-#include "runtime/ipc/ipc_message_client.h"
 #include "runtime/ipc/ipc_message_ids.h"
 #include "runtime/ipc/ipc_message_server.h"
 #include "runtime/ipc/ipc_module_ids.h"
+#include "runtime/ipc/ipc_test_support.h"
 #include "runtime/registry/de_registry.h"
 #include "runtime/registry/registry_store.h"
 #include "runtime/telemetry/event_data_report.h"
@@ -28,6 +28,7 @@
 
 using namespace qlb::messageservice;
 using qlb::MachineProfile;
+using qlb::ipc::test::MakeItem;
 using qlb::testing::Eventually;
 
 namespace {
@@ -212,24 +213,17 @@ TEST_F(MessageServiceMachine, RequestsFromAnotherModuleTakeEffectThroughTheHub) 
     ASSERT_TRUE(handlers.client->WaitJoined(std::chrono::seconds(20)));
 
     const char one[] = "1";
-    TagIPCMessageItem item;
-    item.toModuleId = MODULE_MAINSERVICE_ID;
-    item.fromModuleId = 0x500000;
-    item.messageId = MSG_LOG_SWITCH;
-    item.data = reinterpret_cast<unsigned char*>(const_cast<char*>(one));
-    item.dataLength = sizeof(one);
-    ASSERT_TRUE(module.PostIPCMessage(item));
+    ASSERT_TRUE(
+        module.PostIPCMessage(MakeItem(MODULE_MAINSERVICE_ID, 0x500000, MSG_LOG_SWITCH, one, sizeof(one))));
     EXPECT_TRUE(Eventually([] { return Value(HKEY_LOCAL_MACHINE, kLoginGuideKey, L"LogSwitch") == L"1"; }));
 
     // The one typed message goes through the table of typed handlers.
     LogInfo info;
     info.eventId = "601000123";
     info.fields[0] = "from a module";
-    auto payload = EncodeLogInfoPayload(info);
-    item.messageId = MSG_PCMONITOR_LOG;
-    item.data = payload.data();
-    item.dataLength = static_cast<std::int32_t>(payload.size());
-    ASSERT_TRUE(module.PostIPCMessage(item));
+    const auto payload = EncodeLogInfoPayload(info);
+    ASSERT_TRUE(module.PostIPCMessage(MakeItem(MODULE_MAINSERVICE_ID, 0x500000, MSG_PCMONITOR_LOG,
+                                               payload.data(), static_cast<int>(payload.size()))));
     EXPECT_TRUE(Eventually([&] {
         const std::string text = qlb::testing::ReadFile(root_ / "appdata/telemetry/events.jsonl");
         return text.find("601000123") != std::string::npos && text.find("from a module") != std::string::npos;

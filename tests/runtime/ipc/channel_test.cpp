@@ -99,7 +99,7 @@ TEST_F(ChannelTest, BroadcastReachesEveryOtherModuleAndNotTheSender) {
     auto second = StartEcho(0x530000);
     const char text[] = "quit";
     ASSERT_TRUE(self_->PostIPCMessage(MakeItem(0, kSelf, MSG_QUIT_BROADCAST, text, sizeof(text))));
-    ASSERT_TRUE(inbox_.WaitCount(2));
+    ASSERT_TRUE(Eventually([&] { return inbox_.All().size() >= 2; }));
     std::set<int> from;
     for (const auto& received : inbox_.All()) {
         from.insert(received.header.fromModuleId);
@@ -186,7 +186,7 @@ TEST_F(ChannelTest, LaterRegistrationReplacesTheFormerAndUnregisterFallsBackToTh
     self_->RegisterMessageCallback(0x7400, [&](TagIPCMessageItem& item) { first.Add(item); });
     self_->RegisterMessageCallback(0x7400, [&](TagIPCMessageItem& item) { second.Add(item); });
     ASSERT_TRUE(self_->PostIPCMessage(MakeItem(kSelf, kSelf, 0x7400)));
-    ASSERT_TRUE(second.WaitCount(1));
+    ASSERT_TRUE(Eventually([&] { return !second.All().empty(); }));
     EXPECT_TRUE(first.All().empty());
 
     EXPECT_TRUE(self_->UnRegisterMessageCallback(0x7400));

@@ -40,11 +40,6 @@ class Inbox {
         items_.push_back(std::move(received));
         cv_.notify_all();
     }
-    // Waits until `count` items are in, up to the test wait.
-    bool WaitCount(std::size_t count) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return cv_.wait_for(lock, kWait, [&] { return items_.size() >= count; });
-    }
     // Waits for an item of `messageId` and takes it out.
     bool Take(int messageId, Received& out) {
         std::unique_lock<std::mutex> lock(mutex_);

@@ -36,8 +36,6 @@ TEST(PeerPolicyTest, ListedUsersAndGroupsAreAllowedAndNobodyElse) {
 TEST(PeerPolicyTest, SupplementaryGroupOfTheUserIsEnough) {
     // root is in group root in every group database; the credentials carry some other gid.
     EXPECT_TRUE(PeerPolicy({}, {0}).Allows(PeerCredentials{1, 0, 4242}));
-    const auto groups = GroupsOfUser(0);
-    EXPECT_NE(std::find(groups.begin(), groups.end(), 0u), groups.end());
 }
 
 }  // namespace

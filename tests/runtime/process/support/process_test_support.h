@@ -26,6 +26,10 @@ namespace qlb::testing {
 
 namespace fs = std::filesystem;
 
+// Programs started as the session's user must reach the helpers in a program directory.
+inline constexpr fs::perms kOpenToAll = fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                                        fs::perms::others_read | fs::perms::others_exec;
+
 // A temporary program directory. Unlike the plain temporary directory it is open to every user, as
 // programs started as the session's user must reach the helpers inside.
 class TempDir {
@@ -36,8 +40,7 @@ class TempDir {
             ADD_FAILURE() << "mkdtemp failed";
         }
         path_ = pattern;
-        fs::permissions(path_, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
-                                   fs::perms::others_read | fs::perms::others_exec);
+        fs::permissions(path_, kOpenToAll);
     }
     ~TempDir() {
         std::error_code ec;
@@ -88,8 +91,7 @@ class MinisignKey {
 inline fs::path InstallHelper(const fs::path& dir, const std::string& name) {
     const fs::path target = dir / name;
     fs::copy_file(QLB_TEST_SLEEPER, target, fs::copy_options::overwrite_existing);
-    fs::permissions(target, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
-                                fs::perms::others_read | fs::perms::others_exec);
+    fs::permissions(target, kOpenToAll);
     return target;
 }
 
