@@ -12,7 +12,6 @@
 #include <optional>
 #include <sstream>
 
-#include "consent/agreement_sign.h"
 #include "consent/consent_keys.h"
 #include "consent/explain_privacy_xml.h"
 #include "consent/table_cipher.h"
@@ -316,21 +315,6 @@ TEST_F(RefreshTest, BadPrivacyFileOrUnknownDeviceIsALocalFailure) {
     }
     // A bad file fails before any request.
     EXPECT_EQ(server().RequestCount(), 1u);
-}
-
-TEST_F(RefreshTest, RefreshThenDecisionAcrossANewerServerVersion) {
-    // The daily round: the refresh runs, and the decision reads the result.
-    ASSERT_EQ(ExplainPrivacyXml::InitPrivacy(), 0);
-    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 0);
-
-    AgreementService::GetInstance()->SetRecordWithoutLogin();
-    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), -1);
-
-    ServeVersions("0=20240301 21=20240301 31=20240301");
-    profile().appVersion = "12.0.0.3";
-    ApplyProfile();
-    ASSERT_EQ(ExplainPrivacyXml::InitPrivacy(), 0);
-    EXPECT_EQ(AgreementSign::JudgeAgreementSign(), 1);
 }
 
 TEST(ShippedDocument, BuildMadeTheDocumentFromItsReadableSource) {

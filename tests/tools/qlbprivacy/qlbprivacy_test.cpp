@@ -61,19 +61,14 @@ TEST_F(QlbPrivacyTool, RandomPackingDiffersAndReproduciblePackingDoesNot) {
 
 TEST_F(QlbPrivacyTool, BadInputExitsWithOneAndUsageErrorsWithTwo) {
     Write("bad.xml", "<a><b></a>");
-    Write("empty.xml", "");
     Write("good.xml", "<a/>");
     Write("short.dat", std::string(271, 'x'));
-    Write("odd.dat", std::string(273, 'x'));
     const std::pair<std::string, int> cases[] = {
         {"pack " + Path("absent.xml") + " " + Path("o.dat"), 1},
         {"pack " + Path("bad.xml") + " " + Path("o.dat"), 1},
-        {"pack " + Path("empty.xml") + " " + Path("o.dat"), 1},
         {"pack " + Path("good.xml") + " " + Path("nodir/o.dat"), 1},
         {"unpack " + Path("absent.dat"), 1},
         {"unpack " + Path("short.dat"), 1},
-        {"unpack " + Path("odd.dat"), 1},
-        {"unpack " + dir_.Path().string(), 1},
         {"", 2},
         {"pack onlyone", 2},
         {"pack a b --other", 2},
