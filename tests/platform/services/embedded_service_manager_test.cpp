@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/services/service_dispatcher.h"
+#include "platform/sessions/session_source.h"
 #include "platform/sync/clock.h"
 #include "runtime/common/machine_profile.h"
 #include "runtime/common/strings.h"
@@ -46,17 +47,6 @@ class InMemoryDatabase final : public ServiceDatabase {
     std::map<std::wstring, ServiceConfig> rows_;
 };
 
-class RecordingSessions final : public SessionSource {
-  public:
-    DWORD ActiveConsoleSessionId() override { return active; }
-    std::optional<std::string> UserOfSession(DWORD) override { return std::nullopt; }
-    SysStatus SetActiveSession(DWORD id) override {
-        active = id;
-        return SysStatus::Ok();
-    }
-    DWORD active = kNoConsoleSession;
-};
-
 class EmbeddedManagerTest : public ::testing::Test {
   protected:
     ServiceConfig Config(const std::wstring& name, const fs::path& binary) {
@@ -68,7 +58,12 @@ class EmbeddedManagerTest : public ::testing::Test {
         return c;
     }
     qlb::testing::TempDir dir_;
-    RecordingSessions sessions_;
+    const MachineProfile profile_ = [this] {
+        MachineProfile p;
+        p.runDir = dir_ / "run";
+        return p;
+    }();
+    EmbeddedSessionSource sessions_{profile_};
     std::unique_ptr<EmbeddedServiceManager> manager_ = std::make_unique<EmbeddedServiceManager>(
         std::make_unique<InMemoryDatabase>(), dir_ / "run", &sessions_, 10000);
 };
@@ -119,11 +114,11 @@ TEST_F(EmbeddedManagerTest, StartOfAMissingUnrunnableOrDisabledBinaryFailsAndLea
 TEST_F(EmbeddedManagerTest, LogonAndUnlockMoveTheConsoleEvenToAStoppedService) {
     ASSERT_TRUE(manager_->CreateService(Config(L"svc", "/bin/true")).ok());
     (void)manager_->ControlService(L"svc", SERVICE_CONTROL_SESSIONCHANGE, WTS_SESSION_LOGON, 3);
-    EXPECT_EQ(sessions_.active, 3u);
+    EXPECT_EQ(sessions_.ActiveConsoleSessionId(), 3u);
     (void)manager_->ControlService(L"svc", SERVICE_CONTROL_SESSIONCHANGE, WTS_SESSION_LOCK, 4);
-    EXPECT_EQ(sessions_.active, 3u);
+    EXPECT_EQ(sessions_.ActiveConsoleSessionId(), 3u);
     (void)manager_->ControlService(L"svc", SERVICE_CONTROL_SESSIONCHANGE, WTS_SESSION_UNLOCK, 5);
-    EXPECT_EQ(sessions_.active, 5u);
+    EXPECT_EQ(sessions_.ActiveConsoleSessionId(), 5u);
 }
 
 // --- control delivery through the dispatcher, with this test process as the service process ---

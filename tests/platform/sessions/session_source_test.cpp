@@ -27,23 +27,24 @@ class SessionSourceTest : public ::testing::Test {
     MachineProfile profile_;
 };
 
-TEST_F(SessionSourceTest, NoActiveSessionMeansNoConsoleUser) {
-    SetCurrentSessionSource(std::make_unique<EmbeddedSessionSource>(profile_));
-    EXPECT_EQ(WTSGetActiveConsoleSessionId(), kNoConsoleSession);
-    EXPECT_TRUE(ZVPROCESS::GetCurrentUserSidstr().empty());
-}
-
-TEST_F(SessionSourceTest, ProfileSessionGivesTheUsersSid) {
-    profile_.activeSession = 1;
-    SetCurrentSessionSource(std::make_unique<EmbeddedSessionSource>(profile_));
-    EXPECT_EQ(WTSGetActiveConsoleSessionId(), 1u);
-    EXPECT_EQ(ZVPROCESS::GetCurrentUserSidstr(), L"S-1-22-1-" + std::to_wstring(::getuid()));
-}
-
-TEST_F(SessionSourceTest, UnknownUserOrUnmappedSessionHasNoSid) {
-    profile_.activeSession = 2;
-    SetCurrentSessionSource(std::make_unique<EmbeddedSessionSource>(profile_));
-    EXPECT_TRUE(ZVPROCESS::GetCurrentUserSidstr().empty());
+// Only a profile session whose user exists gives a console user.
+TEST_F(SessionSourceTest, ConsoleUserFollowsTheActiveSession) {
+    const struct {
+        std::optional<DWORD> active;
+        DWORD console;
+        std::wstring sid;
+    } cases[] = {
+        {std::nullopt, kNoConsoleSession, L""},
+        {1, 1, L"S-1-22-1-" + std::to_wstring(::getuid())},
+        {2, 2, L""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.console);
+        profile_.activeSession = c.active;
+        SetCurrentSessionSource(std::make_unique<EmbeddedSessionSource>(profile_));
+        EXPECT_EQ(WTSGetActiveConsoleSessionId(), c.console);
+        EXPECT_EQ(ZVPROCESS::GetCurrentUserSidstr(), c.sid);
+    }
     EXPECT_TRUE(SidOfUserName("").empty());
 }
 

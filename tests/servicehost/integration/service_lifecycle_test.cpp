@@ -2,9 +2,7 @@
 // what an administrator sees on the embedded manager.
 
 #include <signal.h>
-#include <sys/wait.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -15,6 +13,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "support/child_process.h"
 #include "support/eventually.h"
 #include "support/files.h"
 #include "support/temp_dir.h"
@@ -65,21 +64,13 @@ class Machine {
     fs::path bin() const { return root() / "bin"; }
 
     Result Run(const std::string& tool, const std::vector<std::string>& args) const {
-        std::string cmd = Quote((bin() / tool).string());
-        for (const auto& a : args) {
-            cmd += " " + Quote(a);
+        std::vector<std::string> argv{(bin() / tool).string()};
+        argv.insert(argv.end(), args.begin(), args.end());
+        qlb::testing::ChildProcess child(argv);
+        Result r{child.Wait(), ""};
+        while (const auto line = child.ReadLine()) {
+            r.out += *line + "\n";
         }
-        Result r;
-        FILE* p = ::popen((cmd + " 2>&1").c_str(), "r");
-        if (!p) {
-            return r;
-        }
-        char buf[4096];
-        for (size_t n; (n = std::fread(buf, 1, sizeof(buf), p)) > 0;) {
-            r.out.append(buf, n);
-        }
-        const int status = ::pclose(p);
-        r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
         return r;
     }
     Result Service(const std::string& sw) const { return Run("qlbmainservice", {sw}); }
@@ -108,14 +99,6 @@ class Machine {
     }
 
   private:
-    static std::string Quote(const std::string& s) {
-        std::string q = "'";
-        for (const char c : s) {
-            q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-        }
-        return q + "'";
-    }
-
     qlb::testing::TempDir dir_;
 };
 
@@ -144,7 +127,6 @@ TEST(ServiceLifecycle, InstallStartControlStopUninstall) {
     ASSERT_EQ(startups.size(), 1u);
     EXPECT_EQ(startups[0]["fields"]["0"], "main service");
     EXPECT_EQ(startups[0]["fields"]["1"], "1");
-    EXPECT_EQ(m.Events("619000001").size(), 1u);
     ASSERT_EQ(m.Events("607001005").size(), 1u);
     EXPECT_EQ(m.Events("607001005")[0]["infoText"], "01/02/2025");
     EXPECT_TRUE(m.Logged("ServiceMain Enter ReportStatus.(PrepareService)"));
@@ -244,15 +226,9 @@ TEST(ServiceLifecycle, ConcurrentStartupsStartOneProcess) {
     EXPECT_TRUE(m.StateIs("4  RUNNING"));
 }
 
-TEST(ServiceLifecycle, StartedByHandTheServiceRoleFailsAndExitsWithZero) {
-    Machine m;
-    const auto r = m.Run("qlbmainservice", {});
-    EXPECT_EQ(r.code, 0);
-    EXPECT_TRUE(m.Logged("[main] installpatch end.(wmain)"));
-    EXPECT_FALSE(m.Logged("ServiceMain enter."));
-}
-
-TEST(ServiceLifecycle, UnknownSwitchDoesNothingAndExitsWithZero) {
+// Without a switch the process is the service itself, which fails outside the manager; an unknown
+// switch does nothing. Both exit with zero.
+TEST(ServiceLifecycle, StartedByHandOrWithAnUnknownSwitchDoesNothingAndExitsWithZero) {
     Machine m;
     ASSERT_EQ(m.Service("/install").code, 0);
     EXPECT_EQ(m.Service("/bogus").code, 0);
@@ -261,6 +237,9 @@ TEST(ServiceLifecycle, UnknownSwitchDoesNothingAndExitsWithZero) {
     EXPECT_TRUE(m.Logged("[main] ProcServiceOperation Result : 1(wmain)"));
     EXPECT_FALSE(m.Logged("installpatch start"));
     EXPECT_TRUE(m.StateIs("1  STOPPED"));
+    EXPECT_EQ(m.Run("qlbmainservice", {}).code, 0);
+    EXPECT_TRUE(m.Logged("[main] installpatch end.(wmain)"));
+    EXPECT_FALSE(m.Logged("ServiceMain enter."));
 }
 
 }  // namespace
