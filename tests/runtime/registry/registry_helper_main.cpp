@@ -1,9 +1,8 @@
-// A second process for the registry tests: it writes, bursts or watches on a store the test names,
+// A second process for the registry tests: it writes or bursts on a store the test names,
 // and tells the test on stdout what it has done, one line per step.
 //
 //   write STORE PREFIX COUNT     values HKLM\Load\PREFIX\vN = N, then "done"
 //   burst STORE                  values HKLM\Burst\vN = N without end, "ack N" after each success
-//   watch STORE KEY              watches HKLM\KEY alone: "armed", then "changed", "timeout" or "failed"
 
 #include <cstdio>
 #include <cstdlib>
@@ -11,10 +10,8 @@
 
 #include "runtime/common/strings.h"
 #include "runtime/registry/registry_store.h"
-#include "runtime/registry/registry_watch.h"
 
 using qlb::registry::RegistryStore;
-using qlb::registry::RegistryWatch;
 using qlb::registry::RegValue;
 
 namespace {
@@ -50,26 +47,6 @@ int Burst(RegistryStore& store) {
     }
 }
 
-int Watch(std::shared_ptr<RegistryStore> store, const std::string& key) {
-    auto watch = RegistryWatch::Create(std::move(store), HKEY_LOCAL_MACHINE, DE::ANSIToUnicode(key), false);
-    if (!watch) {
-        Say("failed");
-        return 2;
-    }
-    Say("armed");
-    switch (watch.value->WaitForChange(60000)) {
-        case RegistryWatch::WaitResult::Changed:
-            Say("changed");
-            return 0;
-        case RegistryWatch::WaitResult::Timeout:
-            Say("timeout");
-            return 1;
-        default:
-            Say("failed");
-            return 2;
-    }
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -87,9 +64,6 @@ int main(int argc, char** argv) {
     }
     if (verb == "burst") {
         return Burst(*store.value);
-    }
-    if (verb == "watch" && argc == 4) {
-        return Watch(store.value, argv[3]);
     }
     return 64;
 }
