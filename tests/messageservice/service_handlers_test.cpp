@@ -15,6 +15,7 @@
 #include "runtime/common/logging.h"
 #include "runtime/common/machine_profile.h"
 #include "runtime/common/strings.h"
+#include "runtime/ipc/frame_codec.h"
 #include "runtime/ipc/ipc_message_ids.h"
 #include "runtime/ipc/ipc_message_server.h"
 #include "runtime/ipc/ipc_module_ids.h"
@@ -28,6 +29,7 @@
 
 using namespace qlb::messageservice;
 using qlb::MachineProfile;
+using qlb::ipc::PutU32;
 using qlb::ipc::test::MakeItem;
 using qlb::testing::Eventually;
 
@@ -87,28 +89,22 @@ void PutUtf16(std::vector<unsigned char>& record, std::size_t offset, const std:
     }
 }
 
-void PutU32(std::vector<unsigned char>& record, std::size_t offset, std::uint32_t value) {
-    for (int i = 0; i < 4; ++i) {
-        record[offset + static_cast<std::size_t>(i)] = static_cast<unsigned char>(value >> (8 * i));
-    }
-}
-
 // The 788-byte record: command, root (two halves), key, value name, data (text or number), type.
 std::vector<unsigned char> RegEditRecord(std::uint32_t command, HKEY root, const std::wstring& key,
                                          const std::wstring& name, std::uint32_t type,
                                          const std::wstring& text, std::uint32_t number = 0) {
     std::vector<unsigned char> record(kRegEditRecordSize);
-    PutU32(record, 0, command);
-    PutU32(record, 4, static_cast<std::uint32_t>(root));
-    PutU32(record, 8, static_cast<std::uint32_t>(root >> 32));
+    PutU32(record.data(), command);
+    PutU32(record.data() + 4, static_cast<std::uint32_t>(root));
+    PutU32(record.data() + 8, static_cast<std::uint32_t>(root >> 32));
     PutUtf16(record, 12, key);
     PutUtf16(record, 268, name);
     if (type == REG_DWORD) {
-        PutU32(record, 524, number);
+        PutU32(record.data() + 524, number);
     } else {
         PutUtf16(record, 524, text);
     }
-    PutU32(record, 784, type);
+    PutU32(record.data() + 784, type);
     return record;
 }
 

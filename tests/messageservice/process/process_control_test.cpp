@@ -1,7 +1,6 @@
 // Process control requests on real processes under the product's names, in a program directory of
 // the test's own: starting the message centre, ending processes by name and by force, waiting.
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -68,13 +67,6 @@ class ProcessControl : public ::testing::Test {
             key.Sign(dir / "MonProcess.dll");
         }
     }
-    bool MonProcessMapped() const {
-        void* h = ::dlopen((dir / "MonProcess.dll").c_str(), RTLD_NOW | RTLD_NOLOAD);
-        if (h != nullptr) {
-            ::dlclose(h);
-        }
-        return h != nullptr;
-    }
     void ForceKill(const std::string& text) {
         std::vector<unsigned char> payload(text.begin(), text.end());
         payload.push_back('\0');
@@ -120,7 +112,7 @@ TEST_F(ProcessControl, ForceKillOfAProcessThatEndsWithinTheGraceLoadsNoModule) {
     EXPECT_TRUE(Logged("OnForceKill pid: " + std::to_string(child.pid()), "OnForceKill"));
     EXPECT_TRUE(Logged("OnForceKill open Handle", "OnForceKill"));
     EXPECT_FALSE(log.HasText("OnForceKill done: "));
-    EXPECT_FALSE(MonProcessMapped());
+    EXPECT_FALSE(Mapped(dir / "MonProcess.dll"));
 }
 
 TEST_F(ProcessControl, ForceKillEndsAProcessThatOutlivesTheGraceOnlyThroughASignedModule) {
@@ -130,7 +122,7 @@ TEST_F(ProcessControl, ForceKillEndsAProcessThatOutlivesTheGraceOnlyThroughASign
     ForceKill(std::to_string(spared.pid()));
     EXPECT_TRUE(Logged("OnForceKill done: ", "OnForceKill"));
     EXPECT_FALSE(spared.Ended()) << "an unsigned module must never be loaded";
-    EXPECT_FALSE(MonProcessMapped());
+    EXPECT_FALSE(Mapped(dir / "MonProcess.dll"));
 
     InstallMonProcess(true);
     HelperProcess child(image);

@@ -53,7 +53,6 @@ class ChannelTest : public ::testing::Test {
     std::unique_ptr<ChildProcess> StartEcho(int moduleId) {
         const auto before = hub_->Counters().joined;
         auto peer = std::make_unique<ChildProcess>(PeerArgs(Socket(), moduleId, "echo"));
-        EXPECT_TRUE(peer->Started());
         EXPECT_TRUE(Eventually([&] { return hub_->Counters().joined > before; }));
         return peer;
     }

@@ -3,6 +3,7 @@
 // process controls and the start-up stage: program directories, minisign keys made with the real
 // tool, helper processes under the product's names, log lines, and the machine profile.
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -93,6 +94,15 @@ inline fs::path InstallHelper(const fs::path& dir, const std::string& name) {
     fs::copy_file(QLB_TEST_SLEEPER, target, fs::copy_options::overwrite_existing);
     fs::permissions(target, kOpenToAll);
     return target;
+}
+
+// Whether the module is mapped into this process.
+inline bool Mapped(const fs::path& module) {
+    void* h = ::dlopen(module.c_str(), RTLD_NOW | RTLD_NOLOAD);
+    if (h != nullptr) {
+        ::dlclose(h);
+    }
+    return h != nullptr;
 }
 
 // Whether a process runs (exists and is no zombie).
