@@ -11,6 +11,7 @@
 #include "messageservice/service_msg_client.h"
 #include "platform/processes/fake_process_api.h"
 #include "runtime/common/strings.h"
+#include "runtime/ipc/ipc_test_support.h"
 #include "runtime/process/process_utils.h"
 #include "runtime/process/support/process_test_support.h"
 
@@ -70,10 +71,7 @@ class ProcessControl : public ::testing::Test {
     void ForceKill(const std::string& text) {
         std::vector<unsigned char> payload(text.begin(), text.end());
         payload.push_back('\0');
-        TagIPCMessageItem item;
-        item.messageId = 0x30078;
-        item.data = payload.data();
-        item.dataLength = static_cast<std::int32_t>(payload.size());
+        auto item = qlb::ipc::test::MakeItem(0, 0, 0x30078, payload.data(), static_cast<int>(payload.size()));
         handlers.OnForceKill(item);
     }
     bool Logged(const std::string& text, const std::string& function) const {

@@ -90,7 +90,6 @@ TEST_F(PluginHost, OnlyOpenPluginsOfTheHostsProcessLoad) {
     Configure(Entry("Closed", 1, false) + Entry("ForMessageCenter", 2) + Entry("ForService", 1));
     QLBPluginsManager host(pluginDir);
     ASSERT_TRUE(host.LoadCfg(cfg.c_str(), 1));
-    EXPECT_EQ(host.ConfiguredPlugins().size(), 2u);
     ASSERT_TRUE(host.LoadAllPlugins(nullptr));
     EXPECT_EQ(host.LoadedPlugins(), std::vector<std::string>{"ForService"});
     EXPECT_FALSE(Loaded("Closed"));
