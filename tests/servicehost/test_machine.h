@@ -17,6 +17,7 @@
 #include "runtime/common/machine_profile.h"
 #include "runtime/process/process_utils.h"
 #include "servicehost/service_host_platform.h"
+#include "spool_events.h"
 #include "support/eventually.h"
 #include "support/files.h"
 #include "support/temp_dir.h"
@@ -68,17 +69,8 @@ inline int CountLogLines(const std::string& text) {
     return qlb::testing::CountLines(MachineRoot() / "log" / "QuillbarService.log", text);
 }
 
-// The telemetry records of one event, in the order they were spooled.
 inline std::vector<nlohmann::json> SpoolRecordsOf(const std::string& code) {
-    std::vector<nlohmann::json> records;
-    for (const auto& line :
-         qlb::testing::ReadLines(MachineRoot() / "appdata" / "telemetry" / "events.jsonl")) {
-        auto j = nlohmann::json::parse(line, nullptr, false);
-        if (j.is_object() && j.value("eventId", "") == code) {
-            records.push_back(j);
-        }
-    }
-    return records;
+    return SpooledEvents(MachineRoot() / "appdata", code);
 }
 
 // Fakes of the host platform, installed for one test.

@@ -1,13 +1,11 @@
 // The start-up stage in a program directory of the test's own: the IPC server and the plugins come up
 // in their order with their events, and each failure leaves the state the stop sequence expects.
 
-#include <dlfcn.h>
-#include <unistd.h>
-
 #include <nlohmann/json.hpp>
 
 #include <gtest/gtest.h>
 
+#include "../spool_events.h"
 #include "platform/sessions/session_source.h"
 #include "runtime/http/url_loader.h"
 #include "runtime/ipc/ipc_message_server.h"
@@ -75,20 +73,9 @@ class ServiceInit : public ::testing::Test {
         }
         WriteFile(dir / "config/plugincfg.xml", xml + "</plugin-list>");
     }
-    bool PluginMapped(const std::string& name) const {
-        void* h = ::dlopen((dir / "plugins" / (name + ".dll")).c_str(), RTLD_NOW | RTLD_NOLOAD);
-        if (h != nullptr) {
-            ::dlclose(h);
-        }
-        return h != nullptr;
-    }
-    // The telemetry records of the test, in the order they were sent.
+    bool PluginMapped(const std::string& name) const { return Mapped(dir / "plugins" / (name + ".dll")); }
     std::vector<nlohmann::json> Events() const {
-        std::vector<nlohmann::json> events;
-        for (const auto& line : ReadLines(dir / "appdata/telemetry/events.jsonl")) {
-            events.push_back(nlohmann::json::parse(line));
-        }
-        return events;
+        return qlb::servicehost::testing::SpooledEvents(dir / "appdata");
     }
     std::vector<std::string> EventIds() const {
         std::vector<std::string> ids;
@@ -96,9 +83,6 @@ class ServiceInit : public ::testing::Test {
             ids.push_back(e["eventId"].get<std::string>());
         }
         return ids;
-    }
-    bool Logged(const std::string& level, const std::string& text, const std::string& function) const {
-        return log.Has(level, text + "(" + function + ")");
     }
 };
 
@@ -127,15 +111,14 @@ TEST_F(ServiceInit, NobodyLoggedOnIsLoggedAndEverythingElseRuns) {
     LogOn("");
     Configure({});
     EXPECT_TRUE(InitService());
-    EXPECT_TRUE(Logged("WARN", "InitService current user not logged in", "InitService"));
-    EXPECT_NE(g_pObjIPCMsgSrv, nullptr);
+    EXPECT_TRUE(log.Has("WARN", "InitService current user not logged in(InitService)"));
     EXPECT_EQ(EventIds(), (std::vector<std::string>{"619000000", "619000003"}));
 }
 
 TEST_F(ServiceInit, AMalformedPluginConfigurationFailsWithoutTheLoadEvent) {
     WriteFile(dir / "config/plugincfg.xml", "<plugin-list><plugin name='x'");
     EXPECT_FALSE(InitService());
-    EXPECT_TRUE(Logged("ERROR", "fail to load plugin cfg.", "LoadAllPluginsOfService"));
+    EXPECT_TRUE(log.Has("ERROR", "fail to load plugin cfg.(LoadAllPluginsOfService)"));
     // The manager stays for the stop control; the IPC server is stopped but kept.
     EXPECT_NE(g_pObjSvrPluginsManager, nullptr);
     ASSERT_NE(g_pObjIPCMsgSrv, nullptr);
@@ -164,7 +147,7 @@ TEST_F(ServiceInit, AnIpcServerThatCannotStartLeavesNoPluginsAndNoEvent) {
     ASSERT_TRUE(other.Start());
     Configure({});
     EXPECT_FALSE(InitService());
-    EXPECT_TRUE(Logged("WARN", "Init Service: fail to start ipc server.", "StartIPCServer"));
+    EXPECT_TRUE(log.Has("WARN", "Init Service: fail to start ipc server.(StartIPCServer)"));
     EXPECT_NE(g_pObjIPCMsgSrv, nullptr);
     EXPECT_EQ(g_pObjSvrPluginsManager, nullptr);
     EXPECT_TRUE(EventIds().empty());
@@ -184,14 +167,14 @@ TEST_F(ServiceInit, ServerConfigurationIsFetchedOnlyWhereTheLoginGuideIsTheChine
     profile.profile().capabilities.properties["ZVLoginGuide"] = {"china"};
     profile.Apply();
     StartServerConfigService();
-    EXPECT_TRUE(Logged("WARN", "will start to access config server.", "StartServerConfigService"));
+    EXPECT_TRUE(log.Has("WARN", "will start to access config server.(StartServerConfigService)"));
     ASSERT_TRUE(server.WaitForRequests(1));
     EXPECT_EQ(server.Requests()[0].method, "GET");
     EXPECT_EQ(server.Requests()[0].target, ServerConfigDownload::kConfigPath);
     EXPECT_TRUE(WaitUntil([] { return ServerConfigDownload::GetInstance()->Fetched(); }));
     EXPECT_EQ(ReadFile(dir / "appdata/cache/serverconfig.json"), R"({"switch":1})");
     StopServerConfigService();
-    EXPECT_TRUE(Logged("WARN", "ServiceMain enter ServerConfigDownload uninit.", "StopServerConfigService"));
+    EXPECT_TRUE(log.Has("WARN", "ServiceMain enter ServerConfigDownload uninit.(StopServerConfigService)"));
 }
 
 TEST_F(ServiceInit, ServerConfigurationWithoutAnEndpointIsOnlyLogged) {

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "../spool_events.h"
 #include "support/child_process.h"
 #include "support/eventually.h"
 #include "support/files.h"
@@ -85,14 +86,7 @@ class Machine {
         return ReadFile(root() / "log/QuillbarService.log").find(text) != std::string::npos;
     }
     std::vector<nlohmann::json> Events(const std::string& code) const {
-        std::vector<nlohmann::json> out;
-        for (const auto& line : qlb::testing::ReadLines(root() / "appdata/telemetry/events.jsonl")) {
-            auto j = nlohmann::json::parse(line, nullptr, false);
-            if (j.is_object() && j.value("eventId", "") == code) {
-                out.push_back(j);
-            }
-        }
-        return out;
+        return qlb::servicehost::testing::SpooledEvents(root() / "appdata", code);
     }
     bool StateIs(const std::string& state) const {
         return Sc({"query", "QLBMainService"}).out.find("STATE              : " + state) != std::string::npos;
