@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
+
 #include "runtime/common/app_paths.h"
 #include "runtime/common/logging.h"
 #include "runtime/common/machine_profile.h"
@@ -60,9 +62,6 @@ TEST_F(DeviceAnswers, AppDataEndsInASeparatorAndLogDirDoesNot) {
 }
 
 TEST_F(DeviceAnswers, ShowMemoryWritesLabelAndResidentSizeAtWarn) {
-    const auto bytes = qlb::ResidentMemoryBytes();
-    ASSERT_TRUE(bytes);
-    EXPECT_GT(*bytes, 0u);
     qlb::testing::TempDir dir;
     qlb::logging::InitLogger("MemoryTest", std::string(QLB_SOURCE_DIR) + "/config/log4cplus.properties",
                              (dir / "log/").string());
@@ -70,9 +69,10 @@ TEST_F(DeviceAnswers, ShowMemoryWritesLabelAndResidentSizeAtWarn) {
     ShowMemory(nullptr);
     const auto lines = qlb::testing::ReadLines(dir / "log" / "MemoryTest.log");
     ASSERT_FALSE(lines.empty());
-    EXPECT_NE(lines[0].find("WARN"), std::string::npos) << lines[0];
-    EXPECT_NE(lines[0].find("Enter g_MsgClient.Initialize() memory: "), std::string::npos) << lines[0];
-    EXPECT_NE(lines[0].find(" KB(ShowMemory)"), std::string::npos) << lines[0];
+    EXPECT_TRUE(std::regex_search(
+        lines[0],
+        std::regex(R"( WARN Enter g_MsgClient\.Initialize\(\) memory: [1-9][0-9]* KB\(ShowMemory\)$)")))
+        << lines[0];
 }
 
 }  // namespace

@@ -16,7 +16,6 @@ TEST(ElapsedTimer, TextIsWholeMillisecondsTruncated) {
         {10'000'000, 10'000'000, "1000"},
         {19'999, 10'000'000, "1"},  // 1.9999 ms
         {9'999, 10'000'000, "0"},
-        {3'000, 3'000, "1000"},
         // The last difference before the bound is still measured.
         {9'223'372'036'854, 10'000'000, "922337203"},
         {9'223'372'036'854, 1'000'000'000, "9223372"},
