@@ -5,9 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include "runtime/ipc/ipc_test_support.h"
 #include "runtime/telemetry/event_data_report.h"
 
 namespace {
+
+using qlb::ipc::test::MakeItem;
 
 TEST(IPCDataIOReserveTest, GrowsInBlocksOf64AndKeepsWhatWasWritten) {
     TagIPCMessageItem item;
@@ -54,9 +57,7 @@ TEST(IPCDataIOReserveTest, SumThatWrapsNegativeCountsAsRoomAndChangesNothing) {
 
 TEST(IPCDataIOReadTest, ExactlyTheRemainingBytesReadAndOneMoreDoesNot) {
     unsigned char bytes[6] = {1, 2, 3, 4, 5, 6};
-    TagIPCMessageItem item;
-    item.data = bytes;
-    item.dataLength = 6;
+    auto item = MakeItem(0, 0, 0, bytes, 6);
     IPCDataIO stream(&item, true, false);
     unsigned char out[7] = {};
     EXPECT_EQ(stream.ReadBytes(out, 2), 2u);
@@ -78,9 +79,7 @@ TEST(IPCDataIOReadTest, ExactlyTheRemainingBytesReadAndOneMoreDoesNot) {
 
 TEST(IPCDataIOLifetimeTest, OnlyAStreamThatMadeThePayloadReleasesIt) {
     unsigned char bytes[4] = {1, 2, 3, 4};
-    TagIPCMessageItem attached;
-    attached.data = bytes;
-    attached.dataLength = 4;
+    auto attached = MakeItem(0, 0, 0, bytes, 4);
     { IPCDataIO reader(&attached, true, false); }
     EXPECT_EQ(attached.data, bytes);
     EXPECT_EQ(attached.dataLength, 4);
@@ -116,9 +115,7 @@ TEST(StreamLayoutTest, StringIsLengthThenBytesWithoutNul) {
 TEST(StreamLayoutTest, LyingLengthsReadNoMoreThanThereIs) {
     // A string length with the top bit set reads no bytes.
     unsigned char bytes[12] = {0x00, 0x00, 0x00, 0x80, 'a', 'b', 'c', 'd', 0x01, 0, 0, 0};
-    TagIPCMessageItem item;
-    item.data = bytes;
-    item.dataLength = sizeof(bytes);
+    auto item = MakeItem(0, 0, 0, bytes, sizeof(bytes));
     IPCDataIO stream(&item, true, false);
     std::string text = "old";
     EXPECT_TRUE(ReadStreamString(stream, text));
@@ -127,8 +124,7 @@ TEST(StreamLayoutTest, LyingLengthsReadNoMoreThanThereIs) {
 
     // A list count that promises too much stops at the end.
     unsigned char list[] = {0xFF, 0xFF, 0xFF, 0x7F, 1, 0, 0, 0, 'z'};
-    item.data = list;
-    item.dataLength = sizeof(list);
+    item = MakeItem(0, 0, 0, list, sizeof(list));
     IPCDataIO listStream(&item, true, false);
     std::vector<std::string> strings;
     EXPECT_FALSE(ReadStreamStringList(listStream, strings));
@@ -147,9 +143,7 @@ TEST(StreamLayoutTest, LogInfoRoundTripsThroughThePeerPayload) {
     info.extraText = "extra";
     auto payload = EncodeLogInfoPayload(info);
 
-    TagIPCMessageItem item;
-    item.data = payload.data();
-    item.dataLength = static_cast<std::int32_t>(payload.size());
+    auto item = MakeItem(0, 0, 0, payload.data(), static_cast<int>(payload.size()));
     IPCDataIO stream(&item, true, false);
     unsigned count = 0;
     ASSERT_EQ(stream.ReadUInt32(&count), 4u);

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "runtime/ipc/ipc_message_client.h"
+#include "runtime/ipc/ipc_test_support.h"
 
 namespace {
 
@@ -50,10 +50,8 @@ TEST(IPCServerProcTest, EveryStreamCallsTheMethodWithWhatWasReadWhole) {
         SCOPED_TRACE(c.name);
         Recorder recorder;
         RecordProc proc(0x3000E, &recorder, &Recorder::Receive);
-        TagIPCMessageItem item;
-        item.messageId = proc.messageId;
-        item.data = c.bytes.empty() ? nullptr : c.bytes.data();
-        item.dataLength = static_cast<std::int32_t>(c.bytes.size());
+        auto item = qlb::ipc::test::MakeItem(0, 0, proc.messageId, c.bytes.empty() ? nullptr : c.bytes.data(),
+                                             static_cast<int>(c.bytes.size()));
         proc.OnIPCMessage(item);
         EXPECT_EQ(item.data, c.bytes.empty() ? nullptr : c.bytes.data());  // the item is left alone
         EXPECT_EQ(recorder.calls, 1);

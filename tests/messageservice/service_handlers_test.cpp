@@ -116,9 +116,7 @@ class RegistryRequestsTest : public MessageServiceMachine {
   protected:
     // Hands `bytes` to one of the handlers as the payload of a message.
     void Deliver(void (ServiceMsgClient::*handler)(TagIPCMessageItem&), std::vector<unsigned char> bytes) {
-        TagIPCMessageItem item;
-        item.data = bytes.empty() ? nullptr : bytes.data();
-        item.dataLength = static_cast<std::int32_t>(bytes.size());
+        auto item = MakeItem(0, 0, 0, bytes.empty() ? nullptr : bytes.data(), static_cast<int>(bytes.size()));
         (handlers_.*handler)(item);
     }
     void RegEdit(std::vector<unsigned char> bytes) {
