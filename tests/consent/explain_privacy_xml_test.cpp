@@ -75,18 +75,16 @@ TEST(VersionHelpers, VersionsCompareFieldByFieldAsNumbers) {
     }
 }
 
-class PrivacyTest : public ConsentTest {};
-
-TEST_F(PrivacyTest, BrandFollowsTheVendorInLowerCase) {
+TEST_F(ConsentTest, BrandFollowsTheVendorInLowerCase) {
     SetBrand("LUMIRA");
     EXPECT_EQ(ExplainPrivacyXml::GetBrand(), "lumira");
 }
 
 // The entry walk over the shipped document.
-class PrivacyNodeTest : public PrivacyTest {
+class PrivacyNodeTest : public ConsentTest {
   protected:
     void SetUp() override {
-        PrivacyTest::SetUp();
+        ConsentTest::SetUp();
         ASSERT_EQ(document_.Parse(ShippedPrivacyXml()), 0);
     }
     ZvXMLDocument document_;
@@ -141,10 +139,10 @@ TEST_F(PrivacyNodeTest, BrokenElementsEndTheWalkWithTheirLogLines) {
 }
 
 // Whole refreshes of the shipped document, installed 11.0.0.1 on a zorvane device.
-class RefreshTest : public PrivacyTest {
+class RefreshTest : public ConsentTest {
   protected:
     void SetUp() override {
-        PrivacyTest::SetUp();
+        ConsentTest::SetUp();
         InstallPrivacyDocument(ShippedPrivacyXml());
         StartServer();
     }
