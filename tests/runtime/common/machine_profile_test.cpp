@@ -116,7 +116,6 @@ TEST_P(ProfileErrors, NameTheFileAndTheKey) {
     EXPECT_NE(result.error.find(kFile.string()), std::string::npos) << result.error;
     EXPECT_NE(result.error.find(key), std::string::npos) << result.error;
     EXPECT_EQ(result.profile.appData, "/var/lib/qlb/appdata/");
-    EXPECT_FALSE(result.profile.retail);
 }
 
 INSTANTIATE_TEST_SUITE_P(

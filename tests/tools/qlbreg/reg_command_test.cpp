@@ -144,7 +144,6 @@ TEST_F(RegCommandTest, BadCommandLinesAreRefusedBeforeTheStoreIsOpened) {
         {{"query", "HKXX\\Software"}, "ERROR: Invalid key name.\nType \"REG QUERY /?\" for usage.\n"},
         {{"add", "HKLM\\x", "/t"}, add},
         {{"add", "HKLM\\x", "/v", "n", "/t", "REG_WHAT"}, add},
-        {{"add", "HKLM\\x", "/va"}, add},
         {{"delete", "HKLM\\x", "/va", "/v", "n"},
          "ERROR: Invalid syntax.\nType \"REG DELETE /?\" for usage.\n"},
     };
