@@ -139,13 +139,6 @@ class DecryXmlFileTest : public ::testing::Test {
     qlb::testing::TempDir dir_;
 };
 
-TEST_F(DecryXmlFileTest, HeaderBytesOtherThanTheVectorAreIgnored) {
-    const std::string xml = "<privacy><brand name=\"zorvane\"/></privacy>";
-    for (const unsigned char fill : {0x00, 0x5a, 0xff}) {
-        EXPECT_EQ(DecryXmlFile(Write(FileAround(Padded(Bytes(xml.begin(), xml.end())), fill))), xml);
-    }
-}
-
 TEST_F(DecryXmlFileTest, SmallestFileOf272BytesReadsAndBadFilesReadEmpty) {
     Bytes plain(16, 15);
     plain[0] = 'x';

@@ -1,8 +1,5 @@
 #include "consent_test_env.h"
 
-#include <unistd.h>
-
-#include <cstdlib>
 #include <fstream>
 
 #include "consent/consent_context.h"
@@ -18,28 +15,21 @@
 namespace qlb::consent::testing {
 namespace {
 
-// One log per test process: ctest runs the cases of a binary as parallel processes.
-std::filesystem::path LogDir() {
-    return std::filesystem::temp_directory_path() / ("qlb-consent-tests-log-" + std::to_string(::getpid()));
-}
-
-void InitTestLoggerOnce() {
+// One log per test process, set up once and kept for all its tests.
+const std::filesystem::path& LogDir() {
+    static const qlb::testing::TempDir dir;
     static const bool initialised = [] {
         qlb::logging::InitLogger("ConsentTests", std::string(QLB_SOURCE_DIR) + "/config/log4cplus.properties",
-                                 LogDir().string() + "/");
-        std::atexit([] {
-            std::error_code ec;
-            std::filesystem::remove_all(LogDir(), ec);
-        });
+                                 dir.Path().string() + "/");
         return true;
     }();
     (void)initialised;
+    return dir.Path();
 }
 
 }  // namespace
 
 void ConsentTest::SetUp() {
-    InitTestLoggerOnce();
     std::filesystem::create_directories(dir_ / "dmi");
     std::filesystem::create_directories(dir_ / "program/config/local_config");
     profile_.registry = dir_ / "registry.db";
