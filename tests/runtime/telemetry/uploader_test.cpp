@@ -37,11 +37,6 @@ class Upload : public qlb::testing::TempMachine {
         profile.services["com.zorvane.cloud.telemetry"]["url"] = server_->Url("/events");
         Configure(profile);
     }
-    void TearDown() override {
-        server_.reset();
-        TempMachine::TearDown();
-    }
-
     qlb::telemetry::UploaderOptions Options(std::size_t maxBatchLines = 0) const {
         auto options = qlb::telemetry::UploaderOptionsFromProfile().value();
         options.minBackoff = std::chrono::milliseconds(5);
@@ -95,11 +90,11 @@ class Upload : public qlb::testing::TempMachine {
     }
     std::string SpoolSize() const { return std::to_string(std::filesystem::file_size(SpoolFile())); }
 
-    std::unique_ptr<HttpTestServer> server_;
     std::mutex mutex_;
     int failures_ = 0;
     std::map<std::string, int> accepted_;
     std::size_t sent_ = 0;
+    std::unique_ptr<HttpTestServer> server_;  // last: its thread ends before what its handler uses goes
 };
 
 TEST_F(Upload, BatchIsTheSpooledLinesWithItsOffsets) {
