@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "servicehost/cservicemain.h"
+#include "servicehost/qlbmainservice.h"
 #include "test_machine.h"
 
 namespace qlb::servicehost::testing {
@@ -95,6 +97,33 @@ TEST_F(CServiceManagerTest, GetServiceStateOfAnUnknownOrUnqueryableServiceIsAllO
     scm.FailNext("QueryServiceStatus", win::ERROR_ACCESS_DENIED);
     EXPECT_EQ(manager.GetServiceState(L"Svc"), 0xFFFFFFFFul);
     EXPECT_EQ(CountLogLines("[CServiceManager::GetServiceState]: QueryServiceStatus Error: 5"), 1);
+}
+
+TEST_F(CServiceManagerTest, StartupMainServiceWaitsOnlyForAServiceItStarted) {
+    scm.AddService(kMainServiceName, SERVICE_RUNNING);
+    EXPECT_EQ(StartupMainService(manager), 0);
+    EXPECT_TRUE(host.clock->Sleeps().empty());
+}
+
+TEST_F(CServiceManagerTest, StartupMainServiceGivesUpAfterFiftyOneSleepsOfOneHundredMilliseconds) {
+    scm.AddService(kMainServiceName, SERVICE_STOPPED);
+    const int before = CountLogLines("main service wait start up time out.(StartupMainService)");
+    EXPECT_EQ(StartupMainService(manager), 0);
+    EXPECT_EQ(host.clock->Sleeps(), std::vector<DWORD>(51, 100));
+    EXPECT_EQ(CountLogLines("main service wait start up time out.(StartupMainService)"), before + 1);
+}
+
+// The switches end to end (case, unknown ones, /startup's wait for the service and its event) are in
+// the lifecycle test.
+TEST_F(CServiceManagerTest, ProcServiceOperationNoSwitchDoesNothingAndStatusOrStopOfAStoppedServiceAnswer) {
+    EXPECT_EQ(ProcServiceOperation(nullptr), 0);
+    EXPECT_TRUE(scm.Calls().empty());
+    // Even a service that cannot be queried has a status.
+    EXPECT_EQ(ProcServiceOperation(L"/status"), 1);
+    scm.AddService(kMainServiceName, SERVICE_STOPPED);
+    EXPECT_EQ(ProcServiceOperation(L"/stop"), 0);
+    scm.AddService(kMainServiceName, SERVICE_RUNNING);
+    EXPECT_EQ(ProcServiceOperation(L"/stop"), 1);
 }
 
 }  // namespace
