@@ -33,7 +33,7 @@ class ServiceInit : public ::testing::Test {
         fs::create_directories(dir / "config");
         fs::create_directories(dir / "plugins");
         ZVPROCESS::HELPER::SetSelfDirectoryForTesting(dir.path());
-        LogOn("root");
+        LogOn(1);
     }
     void TearDown() override {
         UnloadAllPluginsOfService(true);
@@ -49,14 +49,10 @@ class ServiceInit : public ::testing::Test {
         fs::current_path(cwd);
     }
 
-    // A user at the console, or nobody for an empty name.
-    void LogOn(const std::string& user) {
-        profile.profile().sessions.clear();
-        profile.profile().activeSession.reset();
-        if (!user.empty()) {
-            profile.profile().sessions[1] = user;
-            profile.profile().activeSession = 1;
-        }
+    // Root at the console of session 1, or nobody at all.
+    void LogOn(std::optional<DWORD> session) {
+        profile.profile().sessions = {{1, "root"}};
+        profile.profile().activeSession = session;
         profile.Apply();
         qlb::platform::SetCurrentSessionSource(
             std::make_unique<qlb::platform::EmbeddedSessionSource>(profile.profile()));
@@ -75,12 +71,9 @@ class ServiceInit : public ::testing::Test {
         WriteFile(dir / "config/plugincfg.xml", xml + "</plugin-list>");
     }
     bool PluginMapped(const std::string& name) const { return Mapped(dir / "plugins" / (name + ".dll")); }
-    std::vector<nlohmann::json> Events() const {
-        return qlb::servicehost::testing::SpooledEvents(dir / "appdata");
-    }
     std::vector<std::string> EventIds() const {
         std::vector<std::string> ids;
-        for (const auto& e : Events()) {
+        for (const auto& e : qlb::servicehost::testing::SpooledEvents(dir / "appdata")) {
             ids.push_back(e["eventId"].get<std::string>());
         }
         return ids;
@@ -98,14 +91,14 @@ TEST_F(ServiceInit, BringsUpTheIpcServerThenThePluginsWithTheirEvents) {
     EXPECT_EQ(fs::current_path(), dir.path());
 
     EXPECT_EQ(EventIds(), (std::vector<std::string>{"619000000", "619000003"}));
-    const auto loaded = Events()[1];
+    const auto loaded = qlb::servicehost::testing::SpooledEvents(dir / "appdata")[1];
     EXPECT_EQ(loaded["fields"]["0"], "total");
     EXPECT_THAT(loaded["fields"]["1"].get<std::string>(), ::testing::MatchesRegex("[0-9]+"));  // elapsed ms
     EXPECT_FALSE(log.HasText("InitService current user not logged in"));
 }
 
 TEST_F(ServiceInit, NobodyLoggedOnIsLoggedAndEverythingElseRuns) {
-    LogOn("");
+    LogOn(std::nullopt);
     Configure({});
     EXPECT_TRUE(InitService());
     EXPECT_TRUE(log.Has("WARN", "InitService current user not logged in(InitService)"));
