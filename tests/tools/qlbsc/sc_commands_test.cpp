@@ -112,7 +112,6 @@ TEST(QlbscUsage, MalformedCommandLinesAreStatusOneAndSendNothing) {
         {"control", "Svc", "sessionchange", "logon", "x"},
         {"control", "Svc", "powerevent"},
         {"control", "Svc", "twelve"},
-        {"control", "Svc", "0x"},
         {"control", "Svc", "12a"},
         {"control", "Svc", "99999999999"},
         {"create", "Other", "start=", "auto"},
