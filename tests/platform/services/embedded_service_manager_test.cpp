@@ -3,18 +3,17 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <fstream>
-#include <map>
 #include <thread>
 
 #include <gtest/gtest.h>
 
+#include "platform/services/service_database.h"
 #include "platform/services/service_dispatcher.h"
 #include "platform/sessions/session_source.h"
 #include "platform/sync/clock.h"
 #include "runtime/common/machine_profile.h"
-#include "runtime/common/strings.h"
+#include "runtime/registry/registry_store.h"
 #include "support/eventually.h"
 #include "support/temp_dir.h"
 
@@ -22,33 +21,15 @@ namespace qlb::platform {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace std::chrono_literals;
 using qlb::testing::Eventually;
 
-class InMemoryDatabase final : public ServiceDatabase {
-  public:
-    SysResult<ServiceConfig> Read(const std::wstring& name) override {
-        const auto it = rows_.find(ToLowerAscii(name));
-        if (it == rows_.end()) {
-            return SysResult<ServiceConfig>::Fail(win::ERROR_SERVICE_DOES_NOT_EXIST);
-        }
-        return SysResult<ServiceConfig>::Ok(it->second);
-    }
-    SysStatus Write(const ServiceConfig& config) override {
-        rows_[ToLowerAscii(config.name)] = config;
-        return SysStatus::Ok();
-    }
-    SysStatus Remove(const std::wstring& name) override {
-        rows_.erase(ToLowerAscii(name));
-        return SysStatus::Ok();
-    }
-
-  private:
-    std::map<std::wstring, ServiceConfig> rows_;
-};
-
+// Registrations go to a registry store of the test's own.
 class EmbeddedManagerTest : public ::testing::Test {
   protected:
+    void SetUp() override {
+        registry::RegistryStore::SetDefault(registry::RegistryStore::Open(dir_ / "reg.db").value);
+    }
+    void TearDown() override { registry::RegistryStore::SetDefault(nullptr); }
     ServiceConfig Config(const std::wstring& name, const fs::path& binary) {
         ServiceConfig c;
         c.name = name;
@@ -65,7 +46,7 @@ class EmbeddedManagerTest : public ::testing::Test {
     }();
     EmbeddedSessionSource sessions_{profile_};
     std::unique_ptr<EmbeddedServiceManager> manager_ = std::make_unique<EmbeddedServiceManager>(
-        std::make_unique<InMemoryDatabase>(), dir_ / "run", &sessions_, 10000);
+        MakeRegistryServiceDatabase(), dir_ / "run", &sessions_, 10000);
 };
 
 TEST_F(EmbeddedManagerTest, RegistrationLifecycleAndBadNames) {
