@@ -155,10 +155,8 @@ TEST_F(EmbeddedManagerTest, ControlsReachTheHandlerOneAtATimeAndObeyTheMask) {
         const SERVICE_TABLE_ENTRYW table[] = {{L"InProc", TestServiceMain}, {nullptr, nullptr}};
         dispatched = StartServiceCtrlDispatcherW(table);
     });
-    ASSERT_TRUE(Eventually([&] {
-        const auto s = manager_->QueryServiceStatus(L"InProc").value;
-        return s.dwControlsAccepted == 0xC4;
-    }));
+    ASSERT_TRUE(
+        Eventually([&] { return manager_->QueryServiceStatus(L"InProc").value.dwControlsAccepted == 0xC4; }));
 
     // Stop is not in the start-pending mask: refused, and the handler never sees it.
     EXPECT_EQ(manager_->ControlService(L"InProc", SERVICE_CONTROL_STOP, 0, 0).error,

@@ -3,6 +3,7 @@
 
 #include <signal.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -211,11 +212,9 @@ TEST(ServiceLifecycle, ConcurrentStartupsStartOneProcess) {
     }
     const auto results = m.Events("619000002");
     ASSERT_EQ(results.size(), 3u);
-    int started = 0;
-    for (const auto& e : results) {
-        started += e["fields"]["1"] == "1" ? 1 : 0;
-    }
-    EXPECT_EQ(started, 1);
+    EXPECT_EQ(
+        std::count_if(results.begin(), results.end(), [](const auto& e) { return e["fields"]["1"] == "1"; }),
+        1);
     EXPECT_TRUE(m.StateIs("4  RUNNING"));
 }
 
