@@ -24,8 +24,8 @@ class RecordsTest : public ConsentTest {
     // Both agreement versions as "<133> <10021>": "new" and "old" stand for kNew and kOld, "-" leaves a
     // value out.
     void Versions(const std::wstring& key133, const std::wstring& key10021, const std::wstring& name133,
-                  const std::wstring& name10021, const std::string& spec) {
-        std::istringstream in(spec);
+                  const std::wstring& name10021, const std::string& versions) {
+        std::istringstream in(versions);
         for (const auto& [key, name] : {std::pair(key133, name133), std::pair(key10021, name10021)}) {
             std::string v;
             if (in >> v && v != "-") {
@@ -33,8 +33,8 @@ class RecordsTest : public ConsentTest {
             }
         }
     }
-    void Versions(const std::wstring& key, const std::string& spec) {
-        Versions(key, key, L"133", L"10021", spec);
+    void Versions(const std::wstring& key, const std::string& versions) {
+        Versions(key, key, L"133", L"10021", versions);
     }
     AgreementService& service() { return *AgreementService::GetInstance(); }
 };
