@@ -4,7 +4,11 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
 #include <openssl/ssl.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -12,6 +16,8 @@
 #include <cctype>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -41,16 +47,68 @@ HttpExchange ParseHead(const std::string& head) {
     return exchange;
 }
 
+struct Deleters {
+    void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
+    void operator()(X509* p) const { X509_free(p); }
+    void operator()(X509_EXTENSION* p) const { X509_EXTENSION_free(p); }
+};
+
+bool AddExtension(X509* cert, int nid, const char* value) {
+    X509V3_CTX v3{};
+    X509V3_set_ctx_nodb(&v3);
+    X509V3_set_ctx(&v3, cert, cert, nullptr, nullptr, 0);
+    std::unique_ptr<X509_EXTENSION, Deleters> ext(X509V3_EXT_conf_nid(nullptr, &v3, nid, value));
+    return ext && X509_add_ext(cert, ext.get(), -1) == 1;
+}
+
+// The certificate every TLS server of this test process shows: self-signed P-256, made out to
+// 127.0.0.1 only, valid for a day; its PEM lies in a file of the process's own that clients trust.
+struct TestCertificate {
+    std::unique_ptr<EVP_PKEY, Deleters> key{EVP_EC_gen("P-256")};
+    std::unique_ptr<X509, Deleters> cert{X509_new()};
+    std::string file;
+
+    TestCertificate() {
+        X509* c = cert.get();
+        X509_set_version(c, 2);
+        ASN1_INTEGER_set(X509_get_serialNumber(c), 1);
+        X509_gmtime_adj(X509_getm_notBefore(c), -3600);
+        X509_gmtime_adj(X509_getm_notAfter(c), 86400);
+        X509_set_pubkey(c, key.get());
+        X509_NAME* name = X509_get_subject_name(c);
+        X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
+                                   reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1, 0);
+        X509_set_issuer_name(c, name);
+        if (!AddExtension(c, NID_basic_constraints, "critical,CA:TRUE") ||
+            !AddExtension(c, NID_subject_alt_name, "IP:127.0.0.1") ||
+            X509_sign(c, key.get(), EVP_sha256()) <= 0) {
+            throw std::runtime_error("test server cannot make its certificate");
+        }
+        file =
+            (std::filesystem::temp_directory_path() / ("qlb-test-ca-" + std::to_string(::getpid()) + ".pem"))
+                .string();
+        std::unique_ptr<FILE, int (*)(FILE*)> out(std::fopen(file.c_str(), "w"), &std::fclose);
+        if (!out || PEM_write_X509(out.get(), c) != 1) {
+            throw std::runtime_error("test server cannot write its certificate");
+        }
+    }
+    ~TestCertificate() { std::remove(file.c_str()); }
+};
+
+const TestCertificate& Certificate() {
+    static const TestCertificate certificate;
+    return certificate;
+}
+
 }  // namespace
 
 HttpTestServer::HttpTestServer(Handler handler, bool tls) : handler_(std::move(handler)) {
     // A client that hangs up mid-reply must not end the test process.
     ::signal(SIGPIPE, SIG_IGN);
     if (tls) {
-        const std::string key = std::string(QLB_SOURCE_DIR) + "/tests/runtime/http/testdata/loopback.key";
         tls_ = SSL_CTX_new(TLS_server_method());
-        if (!tls_ || SSL_CTX_use_certificate_file(tls_, CertificateFile().c_str(), SSL_FILETYPE_PEM) != 1 ||
-            SSL_CTX_use_PrivateKey_file(tls_, key.c_str(), SSL_FILETYPE_PEM) != 1) {
+        if (!tls_ || SSL_CTX_use_certificate(tls_, Certificate().cert.get()) != 1 ||
+            SSL_CTX_use_PrivateKey(tls_, Certificate().key.get()) != 1) {
             SSL_CTX_free(tls_);
             throw std::runtime_error("test server cannot load its certificate");
         }
@@ -80,7 +138,7 @@ HttpTestServer::~HttpTestServer() {
 }
 
 std::string HttpTestServer::CertificateFile() {
-    return std::string(QLB_SOURCE_DIR) + "/tests/runtime/http/testdata/loopback.crt";
+    return Certificate().file;
 }
 
 std::string HttpTestServer::Url(const std::string& path) const {

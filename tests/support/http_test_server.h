@@ -1,7 +1,7 @@
 #pragma once
-// A small HTTP/1.1 server on 127.0.0.1 for tests, plain or over TLS with the test certificate (made out
-// to 127.0.0.1 only). One connection at a time, one request per connection, answered by a handler the
-// test supplies. Every request it read is kept for the test to look at.
+// A small HTTP/1.1 server on 127.0.0.1 for tests, plain or over TLS with a certificate the test
+// process makes for 127.0.0.1 only. One connection at a time, one request per connection, answered by a
+// handler the test supplies. Every request it read is kept for the test to look at.
 
 #include <condition_variable>
 #include <functional>
