@@ -47,7 +47,7 @@ std::wstring UniqueName(const std::string& stem) {
 
 class ProcessControl : public ::testing::Test {
   protected:
-    TempDir dir;
+    OpenTempDir dir;
     MinisignKey key{dir.path(), "maker"};
     ProfileScope profile{dir.path(), {key.publicKey()}};
     LogCapture log;

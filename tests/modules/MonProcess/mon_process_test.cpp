@@ -19,7 +19,7 @@ using namespace qlb::testing;
 
 class MonProcessLoad : public ::testing::Test {
   protected:
-    TempDir dir;
+    OpenTempDir dir;
     MinisignKey key{dir.path(), "maker"};
     ProfileScope profile{dir.path(), {key.publicKey()}};
     fs::path modulePath = dir / "MonProcess.dll";

@@ -18,7 +18,7 @@ constexpr char kSampleClsid[] = "{6F1D2C3B-9A48-4E5F-8B7C-2D1E0F3A4B5C}";
 
 class PluginHost : public ::testing::Test {
   protected:
-    TempDir dir;
+    OpenTempDir dir;
     MinisignKey key{dir.path(), "maker"};
     ProfileScope profile{dir.path(), {key.publicKey()}};
     LogCapture log;

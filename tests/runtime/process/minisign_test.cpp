@@ -19,7 +19,7 @@ using namespace qlb::testing;
 
 class SignatureTest : public ::testing::Test {
   protected:
-    TempDir dir;
+    OpenTempDir dir;
     MinisignKey key{dir.path(), "maker"};
     std::filesystem::path file = dir / "Module.dll";
     std::filesystem::path signature = dir / "Module.dll.minisig";

@@ -26,7 +26,7 @@ std::vector<unsigned long> PidsOf(const std::wstring& name) {
 }
 
 TEST(ProcessTable, WaitSeesTheEndOfARunningProcessAndTimesOutBefore) {
-    TempDir dir;
+    OpenTempDir dir;
     HelperProcess child(InstallHelper(dir.path(), "Tessalink.exe"));
     auto api = qlb::platform::MakeLinuxProcessApi();
     auto process = api->Open(static_cast<std::uint32_t>(child.pid()));
@@ -42,7 +42,7 @@ TEST(ProcessTable, WaitSeesTheEndOfARunningProcessAndTimesOutBefore) {
 }
 
 TEST(ProcessTable, StartReportsAnExecutableThatCannotRun) {
-    TempDir dir;
+    OpenTempDir dir;
     auto api = qlb::platform::MakeLinuxProcessApi();
     qlb::platform::StartOptions options;
     options.image = dir / "absent.exe";
@@ -58,7 +58,7 @@ TEST(ProcessTable, StartReportsAnExecutableThatCannotRun) {
 }
 
 TEST(ProcessLookup, FindsEveryProcessOfTheImageNameWithoutRegardToCaseAndNoOther) {
-    TempDir dir;
+    OpenTempDir dir;
     // A name of the test's own, longer than a command name (the image name is the executable's full
     // file name), so that no other process matches.
     const std::string name = "QLBMessageCenterLookup" + std::to_string(::getpid()) + ".exe";
@@ -93,7 +93,7 @@ TEST(ProcessLookup, ANameThatMatchesNothingOrAFailedSnapshotLeavesThePidAlone) {
 
 class ProcessStart : public ::testing::Test {
   protected:
-    TempDir dir;
+    OpenTempDir dir;
     DWORD pid = 0;
     void SetUp() override {
         ZVPROCESS::HELPER::SetSelfDirectoryForTesting(dir.path());

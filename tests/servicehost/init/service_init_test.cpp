@@ -23,7 +23,7 @@ using namespace qlb::testing;
 
 class ServiceInit : public ::testing::Test {
   protected:
-    TempDir dir;
+    OpenTempDir dir;
     MinisignKey key{dir.path(), "maker"};
     ProfileScope profile{dir.path(), {key.publicKey()}};
     LogCapture log;
@@ -161,7 +161,7 @@ TEST_F(ServiceInit, ServerConfigurationIsFetchedOnlyWhereTheLoginGuideIsTheChine
     ASSERT_TRUE(server.WaitForRequests(1));
     EXPECT_EQ(server.Requests()[0].method, "GET");
     EXPECT_EQ(server.Requests()[0].target, ServerConfigDownload::kConfigPath);
-    EXPECT_TRUE(WaitUntil([] { return ServerConfigDownload::GetInstance()->Fetched(); }));
+    EXPECT_TRUE(Eventually([] { return ServerConfigDownload::GetInstance()->Fetched(); }));
     EXPECT_EQ(ReadFile(dir / "appdata/cache/serverconfig.json"), R"({"switch":1})");
     StopServerConfigService();
     EXPECT_TRUE(log.Has("WARN", "ServiceMain enter ServerConfigDownload uninit.(StopServerConfigService)"));

@@ -22,6 +22,7 @@
 #include "runtime/common/machine_profile.h"
 #include "support/eventually.h"
 #include "support/files.h"
+#include "support/temp_dir.h"
 
 namespace qlb::testing {
 
@@ -33,34 +34,11 @@ inline constexpr fs::perms kOpenToAll = fs::perms::owner_all | fs::perms::group_
 
 // A temporary program directory. Unlike the plain temporary directory it is open to every user, as
 // programs started as the session's user must reach the helpers inside.
-class TempDir {
+class OpenTempDir : public TempDir {
   public:
-    TempDir() {
-        std::string pattern = (fs::temp_directory_path() / "qlbproc-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr) {
-            ADD_FAILURE() << "mkdtemp failed";
-        }
-        path_ = pattern;
-        fs::permissions(path_, kOpenToAll);
-    }
-    ~TempDir() {
-        std::error_code ec;
-        fs::remove_all(path_, ec);
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const fs::path& path() const { return path_; }
-    fs::path operator/(const std::string& name) const { return path_ / name; }
-
-  private:
-    fs::path path_;
+    OpenTempDir() { fs::permissions(Path(), kOpenToAll); }
+    const fs::path& path() const { return Path(); }
 };
-
-// The start-up stage tests' name for a bounded wait.
-template <typename Pred>
-bool WaitUntil(Pred condition) {
-    return Eventually(condition);
-}
 
 inline void WriteFile(const fs::path& path, const std::string& content) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
@@ -155,7 +133,7 @@ class HelperProcess {
 class LogCapture {
   public:
     LogCapture() {
-        static TempDir dir;  // one log for the whole test program
+        static OpenTempDir dir;  // one log for the whole test program
         static const bool opened = [] {
             qlb::logging::InitLogger("ProcessTests", QLB_PROGRAM_DIR "/config/log4cplus.properties",
                                      dir.path().string() + "/");
