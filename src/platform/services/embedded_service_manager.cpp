@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include "platform/processes/process_api.h"
 #include "platform/services/control_channel.h"
 
 namespace qlb::platform {
@@ -20,9 +19,11 @@ bool IsValidServiceName(const std::wstring& name) noexcept {
 }
 
 EmbeddedServiceManager::EmbeddedServiceManager(std::unique_ptr<ServiceDatabase> database,
+                                               std::unique_ptr<ProcessApi> processes,
                                                std::filesystem::path runDir, SessionSource* sessions,
                                                int controlTimeoutMs)
     : database_(std::move(database)),
+      processes_(std::move(processes)),
       store_(std::move(runDir)),
       sessions_(sessions),
       controlTimeoutMs_(controlTimeoutMs) {}
@@ -105,8 +106,7 @@ SysStatus EmbeddedServiceManager::StartService(const std::wstring& name) {
         record.status.dwWaitHint = 2000;
         published = store_.Write(name, record);
     };
-    static const std::unique_ptr<ProcessApi> processes = MakeLinuxProcessApi();
-    auto started = processes->Start(options);
+    auto started = processes_->Start(options);
     if (!started) {
         ServiceStateRecord failed;
         failed.status.dwServiceType = config.value.serviceType;

@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 
+#include "platform/processes/process_api.h"
 #include "platform/services/service_control.h"
 #include "platform/services/service_database.h"
 #include "platform/services/service_state_store.h"
@@ -15,9 +16,11 @@ namespace qlb::platform {
 
 class EmbeddedServiceManager final : public ServiceControlManager {
   public:
-    // `sessions` may be null: session controls are then delivered without being recorded.
-    EmbeddedServiceManager(std::unique_ptr<ServiceDatabase> database, std::filesystem::path runDir,
-                           SessionSource* sessions, int controlTimeoutMs = 30000);
+    // Services are started through `processes`, detached. `sessions` may be null: session controls are
+    // then delivered without being recorded.
+    EmbeddedServiceManager(std::unique_ptr<ServiceDatabase> database, std::unique_ptr<ProcessApi> processes,
+                           std::filesystem::path runDir, SessionSource* sessions,
+                           int controlTimeoutMs = 30000);
 
     SysStatus Connect(DWORD access) override;
     SysStatus OpenService(const std::wstring& name, DWORD access) override;
@@ -36,6 +39,7 @@ class EmbeddedServiceManager final : public ServiceControlManager {
     SERVICE_STATUS EffectiveStatus(const std::wstring& name, const ServiceConfig& config);
 
     std::unique_ptr<ServiceDatabase> database_;
+    std::unique_ptr<ProcessApi> processes_;
     ServiceStateStore store_;
     SessionSource* sessions_;
     int controlTimeoutMs_;

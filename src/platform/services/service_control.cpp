@@ -25,8 +25,8 @@ std::unique_ptr<ServiceControlManager> MakeServiceControlManager(const MachinePr
     if (ResolveServiceManagerKind(profile) == "systemd") {
         return std::make_unique<SystemdServiceManager>();
     }
-    return std::make_unique<EmbeddedServiceManager>(MakeRegistryServiceDatabase(), profile.runDir,
-                                                    &CurrentSessionSource());
+    return std::make_unique<EmbeddedServiceManager>(MakeRegistryServiceDatabase(), MakeLinuxProcessApi(),
+                                                    profile.runDir, &CurrentSessionSource());
 }
 
 std::unique_ptr<ServiceProcessHost> MakeServiceProcessHost(const MachineProfile& profile) {

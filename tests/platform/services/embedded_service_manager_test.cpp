@@ -46,7 +46,7 @@ class EmbeddedManagerTest : public ::testing::Test {
     }();
     EmbeddedSessionSource sessions_{profile_};
     std::unique_ptr<EmbeddedServiceManager> manager_ = std::make_unique<EmbeddedServiceManager>(
-        MakeRegistryServiceDatabase(), dir_ / "run", &sessions_, 10000);
+        MakeRegistryServiceDatabase(), MakeLinuxProcessApi(), dir_ / "run", &sessions_, 10000);
 };
 
 TEST_F(EmbeddedManagerTest, RegistrationLifecycleAndBadNames) {
